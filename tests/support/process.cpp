@@ -1,0 +1,121 @@
+#include "tests/support/process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <system_error>
+
+#include "tests/support/temp_dir.h"
+
+extern char** environ;
+
+namespace th::test {
+namespace {
+
+std::vector<std::string> childEnvironment(const ProcessOptions& options) {
+  std::map<std::string, std::string> vars;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const char* eq = std::strchr(*entry, '=');
+    if (eq != nullptr) vars[std::string(*entry, static_cast<size_t>(eq - *entry))] = eq + 1;
+  }
+  for (const auto& [name, value] : options.env) {
+    if (value) {
+      vars[name] = *value;
+    } else {
+      vars.erase(name);
+    }
+  }
+  std::vector<std::string> env;
+  for (const auto& [name, value] : vars) env.push_back(name + "=" + value);
+  return env;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+  std::vector<char*> result;
+  for (auto& s : strings) result.push_back(s.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+std::filesystem::path outputFile(const char* stream) {
+  static std::atomic<int> counter{0};
+  return std::filesystem::temp_directory_path() /
+         ("th-proc-" + std::to_string(getpid()) + "-" + std::to_string(counter++) + "." + stream);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const ProcessOptions& options)
+    : outPath_(outputFile("out")), errPath_(outputFile("err")) {
+  std::vector<std::string> args = argv;
+  std::vector<std::string> env = childEnvironment(options);
+  std::vector<char*> argp = pointers(args);
+  std::vector<char*> envp = pointers(env);
+  // Everything the child needs is prepared before the fork.
+  const std::string outPath = outPath_.string(), errPath = errPath_.string();
+  const std::string workDir = options.workDir.string();
+  pid_ = fork();
+  if (pid_ != 0) return;
+  setpgid(0, 0);
+  const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const int null = open("/dev/null", O_RDONLY);
+  dup2(null, 0);
+  dup2(out, 1);
+  dup2(err, 2);
+  if (!workDir.empty() && chdir(workDir.c_str()) != 0) _exit(125);
+  execve(argp[0], argp.data(), envp.data());
+  _exit(127);
+}
+
+ChildProcess::~ChildProcess() {
+  if (running()) {
+    kill(SIGKILL);
+    wait(std::chrono::seconds(10));
+  }
+  std::error_code ignored;
+  std::filesystem::remove(outPath_, ignored);
+  std::filesystem::remove(errPath_, ignored);
+}
+
+bool ChildProcess::running() {
+  if (pid_ <= 0 || reaped_) return false;
+  if (waitpid(pid_, &status_, WNOHANG) == pid_) reaped_ = true;
+  return !reaped_;
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
+  waitUntil([&] { return !running(); }, timeout);
+  if (!reaped_ || !WIFEXITED(status_)) return std::nullopt;
+  return WEXITSTATUS(status_);
+}
+
+void ChildProcess::kill(int signal) {
+  // The whole process group, so that grandchildren (an X server's helpers, nginx workers) go too.
+  if (pid_ > 0 && !reaped_) ::kill(-pid_, signal);
+}
+
+std::string ChildProcess::out() const { return readBytes(outPath_); }
+std::string ChildProcess::err() const { return readBytes(errPath_); }
+
+ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
+  ChildProcess child(argv, options);
+  ProcessResult result;
+  const std::optional<int> code = child.wait(options.timeout);
+  result.timedOut = child.running();
+  if (code) result.exitCode = *code;
+  if (result.timedOut) {
+    child.kill(SIGKILL);
+    child.wait(std::chrono::seconds(10));
+  }
+  result.out = child.out();
+  result.err = child.err();
+  return result;
+}
+
+}  // namespace th::test

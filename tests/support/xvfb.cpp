@@ -1,0 +1,151 @@
+#include "tests/support/xvfb.h"
+
+#include <X11/Xlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+namespace th::test {
+namespace {
+
+bool displayInUse(int number) {
+  struct stat info;
+  const std::string lock = "/tmp/.X" + std::to_string(number) + "-lock";
+  const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
+  return stat(lock.c_str(), &info) == 0 || stat(socket.c_str(), &info) == 0;
+}
+
+struct DisplayCloser {
+  void operator()(Display* display) const { XCloseDisplay(display); }
+};
+
+// Parses binary PPM (P6, maxval 255), which `import` writes on request.
+std::optional<Image> parsePpm(const std::string& bytes) {
+  std::istringstream in(bytes);
+  std::string magic;
+  int width = 0, height = 0, maxval = 0;
+  in >> magic >> width >> height >> maxval;
+  if (magic != "P6" || width <= 0 || height <= 0 || maxval != 255) return std::nullopt;
+  in.get();
+  Image image{width, height, std::vector<std::uint8_t>(static_cast<size_t>(width) * height * 3)};
+  in.read(reinterpret_cast<char*>(image.rgb.data()),
+          static_cast<std::streamsize>(image.rgb.size()));
+  if (!in) return std::nullopt;
+  return image;
+}
+
+}  // namespace
+
+Rgb Image::at(int x, int y) const {
+  const size_t i = (static_cast<size_t>(y) * width + x) * 3;
+  return {rgb[i], rgb[i + 1], rgb[i + 2]};
+}
+
+bool Image::savePpm(const std::string& path) const {
+  std::ofstream out(path, std::ios::binary);
+  out << "P6\n" << width << " " << height << "\n255\n";
+  out.write(reinterpret_cast<const char*>(rgb.data()), static_cast<std::streamsize>(rgb.size()));
+  return out.good();
+}
+
+XvfbDisplay::XvfbDisplay() {
+  for (int number = 57 + getpid() % 300; number < 1000; ++number) {
+    if (displayInUse(number)) continue;
+    name_ = ":" + std::to_string(number);
+    // -noreset: several clients connect one after another; without it the server briefly
+    // refuses connections whenever the last client leaves.
+    server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+        "/usr/bin/Xvfb", name_, "-noreset", "-nolisten", "tcp", "-screen", "0", "1280x800x24"});
+    const bool up = waitUntil(
+        [&] {
+          std::unique_ptr<Display, DisplayCloser> display(XOpenDisplay(name_.c_str()));
+          return display != nullptr || !server_->running();
+        },
+        std::chrono::seconds(10));
+    if (up && server_->running()) return;
+    server_.reset();
+  }
+}
+
+XvfbDisplay::~XvfbDisplay() = default;
+
+ProcessOptions XvfbDisplay::optionsFor(ProcessOptions options) const {
+  options.env["DISPLAY"] = name_;
+  options.env["SDL_VIDEO_DRIVER"] = "x11";
+  options.env["SDL_RENDER_DRIVER"] = "software";
+  return options;
+}
+
+ProcessResult XvfbDisplay::tool(const std::vector<std::string>& argv) const {
+  ProcessOptions options;
+  options.env["DISPLAY"] = name_;
+  options.timeout = std::chrono::seconds(20);
+  return runProcess(argv, options);
+}
+
+std::optional<std::string> XvfbDisplay::waitForWindow(const std::string& title,
+                                                      std::chrono::milliseconds timeout) const {
+  std::optional<std::string> found;
+  waitUntil(
+      [&] {
+        ProcessResult r =
+            tool({"/usr/bin/xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"});
+        std::istringstream lines(r.out);
+        std::string id;
+        if (r.exitCode == 0 && std::getline(lines, id) && !id.empty()) found = id;
+        return found.has_value();
+      },
+      timeout);
+  return found;
+}
+
+std::optional<std::pair<int, int>> XvfbDisplay::windowSize(const std::string& window) const {
+  ProcessResult r = tool({"/usr/bin/xdotool", "getwindowgeometry", "--shell", window});
+  int width = -1, height = -1;
+  std::istringstream lines(r.out);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("WIDTH=", 0) == 0) width = std::stoi(line.substr(6));
+    if (line.rfind("HEIGHT=", 0) == 0) height = std::stoi(line.substr(7));
+  }
+  if (width < 0 || height < 0) return std::nullopt;
+  return std::make_pair(width, height);
+}
+
+bool XvfbDisplay::click(const std::string& window, int x, int y) const {
+  return tool({"/usr/bin/xdotool", "mousemove", "--window", window, std::to_string(x),
+               std::to_string(y), "click", "1"})
+             .exitCode == 0;
+}
+
+bool XvfbDisplay::key(const std::string& window, const std::string& keyName) const {
+  return tool({"/usr/bin/xdotool", "key", "--window", window, keyName}).exitCode == 0;
+}
+
+bool XvfbDisplay::requestClose(const std::string& window) const {
+  std::unique_ptr<Display, DisplayCloser> display(XOpenDisplay(name_.c_str()));
+  if (!display) return false;
+  XEvent event;
+  std::memset(&event, 0, sizeof event);
+  event.xclient.type = ClientMessage;
+  event.xclient.window = std::stoul(window);
+  event.xclient.message_type = XInternAtom(display.get(), "WM_PROTOCOLS", False);
+  event.xclient.format = 32;
+  event.xclient.data.l[0] =
+      static_cast<long>(XInternAtom(display.get(), "WM_DELETE_WINDOW", False));
+  event.xclient.data.l[1] = CurrentTime;
+  const Status sent = XSendEvent(display.get(), event.xclient.window, False, NoEventMask, &event);
+  XFlush(display.get());
+  return sent != 0;
+}
+
+std::optional<Image> XvfbDisplay::screenshot(const std::string& window) const {
+  ProcessResult r = tool({"/usr/bin/import", "-window", window, "ppm:-"});
+  if (r.exitCode != 0) return std::nullopt;
+  return parsePpm(r.out);
+}
+
+}  // namespace th::test

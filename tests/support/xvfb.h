@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+
+namespace th::test {
+
+struct Rgb {
+  std::uint8_t r = 0, g = 0, b = 0;
+  bool operator==(const Rgb&) const = default;
+};
+
+struct Image {
+  int width = 0;
+  int height = 0;
+  std::vector<std::uint8_t> rgb;  // row-major, 3 bytes per pixel
+  Rgb at(int x, int y) const;
+  bool savePpm(const std::string& path) const;
+};
+
+// A private X server (Xvfb) on a free display number, stopped at scope end. Windows are
+// inspected with xdotool and ImageMagick's `import`, as a player's desktop would show them.
+class XvfbDisplay {
+ public:
+  XvfbDisplay();
+  ~XvfbDisplay();
+
+  bool ok() const { return server_ != nullptr; }
+  const std::string& name() const { return name_; }  // for example ":57"
+  // Options that run a program on this display with SDL's deterministic software renderer.
+  ProcessOptions optionsFor(ProcessOptions options = {}) const;
+
+  // The id of the first visible window with exactly this title, waiting up to `timeout`.
+  std::optional<std::string> waitForWindow(const std::string& title,
+                                           std::chrono::milliseconds timeout) const;
+  // Width and height of a window, as the X server reports them.
+  std::optional<std::pair<int, int>> windowSize(const std::string& window) const;
+  bool click(const std::string& window, int x, int y) const;
+  bool key(const std::string& window, const std::string& keyName) const;
+  // Asks the window to close the way a window manager's close button does (WM_DELETE_WINDOW).
+  bool requestClose(const std::string& window) const;
+  std::optional<Image> screenshot(const std::string& window) const;
+
+ private:
+  ProcessResult tool(const std::vector<std::string>& argv) const;
+
+  std::string name_;
+  std::unique_ptr<ChildProcess> server_;
+};
+
+}  // namespace th::test
