@@ -1,0 +1,3 @@
+#include "update/http.h"
+
+namespace th::update {}  // namespace th::update

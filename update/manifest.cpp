@@ -1,0 +1,3 @@
+#include "update/manifest.h"
+
+namespace th::update {}  // namespace th::update

@@ -1,0 +1,3 @@
+#include "update/safe_path.h"
+
+namespace th::update {}  // namespace th::update

@@ -1,0 +1,3 @@
+#include "update/signature.h"
+
+namespace th::update {}  // namespace th::update

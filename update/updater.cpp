@@ -1,0 +1,3 @@
+#include "update/updater.h"
+
+namespace th::update {}  // namespace th::update

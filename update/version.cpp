@@ -1,0 +1,3 @@
+#include "update/version.h"
+
+namespace th::update {}  // namespace th::update
