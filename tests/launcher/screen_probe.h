@@ -1,0 +1,27 @@
+#pragma once
+// Reading the launcher's screen: frames rendered off-screen with SDL's software renderer, and
+// checks of debug-font text at a known place, size and colour in any image (off-screen frames or
+// screenshots of the real window).
+
+#include <SDL3/SDL.h>
+
+#include <functional>
+#include <string>
+
+#include "tests/support/xvfb.h"
+
+namespace th::test {
+
+// Draws into a fresh 1040x640 software-rendered surface and returns its pixels.
+Image renderOffscreen(const std::function<void(SDL_Renderer*)>& draw);
+
+// True when `image` shows exactly `text` at (x, y) and `scale` in `colour`: every pixel the
+// font lights is that colour, every other pixel of the text's cells and of the cell after it
+// is not.
+bool showsText(const Image& image, float x, float y, const std::string& text, float scale,
+               Rgb colour);
+
+// Pixels of `colour` inside a rectangle (edges included in x and y ranges [x0, x1), [y0, y1)).
+int countColour(const Image& image, int x0, int y0, int x1, int y1, Rgb colour);
+
+}  // namespace th::test
