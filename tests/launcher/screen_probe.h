@@ -12,6 +12,21 @@
 
 namespace th::test {
 
+// Colours of the launcher's screen that tests look for.
+constexpr Rgb kStatusNormal{183, 224, 205};
+constexpr Rgb kStatusUnavailable{242, 190, 110};
+constexpr Rgb kStatusFailed{255, 104, 92};
+constexpr Rgb kDetail{143, 163, 158};
+constexpr Rgb kVersionText{218, 229, 224};
+constexpr Rgb kBarFill{192, 53, 43};
+constexpr Rgb kBarTrack{31, 43, 50};
+constexpr Rgb kBarLabel{178, 195, 189};
+constexpr Rgb kNotesBody{166, 187, 181};
+constexpr Rgb kNotesHeading{221, 196, 118};
+constexpr Rgb kPlayBox{157, 38, 31};
+constexpr Rgb kRequiredBox{111, 35, 31};
+constexpr Rgb kSmallLabel{225, 235, 232};
+
 // Draws into a fresh 1040x640 software-rendered surface and returns its pixels.
 Image renderOffscreen(const std::function<void(SDL_Renderer*)>& draw);
 

@@ -10,16 +10,6 @@
 namespace th::test {
 namespace {
 
-constexpr Rgb kStatusNormal{183, 224, 205};
-constexpr Rgb kStatusUnavailable{242, 190, 110};
-constexpr Rgb kStatusFailed{255, 104, 92};
-constexpr Rgb kDetail{143, 163, 158};
-constexpr Rgb kBarFill{192, 53, 43};
-constexpr Rgb kBarTrack{31, 43, 50};
-constexpr Rgb kNotesBody{166, 187, 181};
-constexpr Rgb kNotesHeading{221, 196, 118};
-constexpr Rgb kSmallLabel{225, 235, 232};
-
 const std::string kLocalNotes = "Local notes line";
 
 class Screen : public ::testing::Test {
@@ -54,7 +44,7 @@ TEST_F(Screen, DrawsTheFixedFrameTitlesAndFooters) {
   EXPECT_TRUE(showsText(image, 720, 72, "GAME STATUS", 1.45f, {226, 236, 232}));
   EXPECT_TRUE(showsText(image, 720, 245, "INSTALLED", 0.76f, {113, 144, 137}));
   EXPECT_TRUE(showsText(image, 720, 270, "LATEST", 0.76f, {113, 144, 137}));
-  EXPECT_TRUE(showsText(image, 820, 270, "CHECKING", 0.82f, {218, 229, 224}));
+  EXPECT_TRUE(showsText(image, 820, 270, "CHECKING", 0.82f, kVersionText));
   EXPECT_TRUE(
       showsText(image, 720, 594, "ENTER = PLAY // LAUNCHER v1.2.1", 0.72f, {137, 163, 159}));
   EXPECT_TRUE(showsText(image, 736, 466, "REPAIR", 0.95f, kSmallLabel));
@@ -68,8 +58,8 @@ TEST_F(Screen, ShowsTheInstalledVersionFromTheMarkerInEveryFrame) {
   snap.latestVersion = "1.5.0";
   const Image image = draw(snap);
   EXPECT_TRUE(showsText(image, 60, 145, "PATCH NOTES // v1.4.0", 1.25f, {232, 236, 226}));
-  EXPECT_TRUE(showsText(image, 820, 245, "1.4.0", 0.82f, {218, 229, 224}));
-  EXPECT_TRUE(showsText(image, 820, 270, "1.5.0", 0.82f, {218, 229, 224}));
+  EXPECT_TRUE(showsText(image, 820, 245, "1.4.0", 0.82f, kVersionText));
+  EXPECT_TRUE(showsText(image, 820, 270, "1.5.0", 0.82f, kVersionText));
 }
 
 TEST_F(Screen, ColoursTheStatusByState) {
@@ -123,11 +113,11 @@ TEST_F(Screen, ChoosesTheProgressBarTheUpdateNoticeOrTheChannelLine) {
   } cases[] = {
       {0, 0, false, "SIGNED UPDATE CHANNEL // STABLE", 0.72f, {121, 155, 148}, -1},
       {7, 0, true, "UPDATE AVAILABLE", 0.72f, {225, 175, 83}, -1},
-      {3, 1000, true, "UPDATE 0%", 0.82f, {178, 195, 189}, -2},
-      {1, 2, false, "UPDATE 50%", 0.82f, {178, 195, 189}, 130},
-      {999, 1000, false, "UPDATE 99%", 0.82f, {178, 195, 189}, 259},
-      {1ULL << 41, 1ULL << 42, false, "UPDATE 50%", 0.82f, {178, 195, 189}, 130},
-      {5, 1, false, "UPDATE 100%", 0.82f, {178, 195, 189}, 260},
+      {3, 1000, true, "UPDATE 0%", 0.82f, kBarLabel, -2},
+      {1, 2, false, "UPDATE 50%", 0.82f, kBarLabel, 130},
+      {999, 1000, false, "UPDATE 99%", 0.82f, kBarLabel, 259},
+      {1ULL << 41, 1ULL << 42, false, "UPDATE 50%", 0.82f, kBarLabel, 130},
+      {5, 1, false, "UPDATE 100%", 0.82f, kBarLabel, 260},
   };
   for (const auto& c : cases) {
     Snapshot snap = idle();
@@ -158,10 +148,10 @@ TEST_F(Screen, LabelsTheButtonsByBusyAndRequired) {
     Rgb labelColour;
     std::string refresh;
   } cases[] = {
-      {false, false, {157, 38, 31}, "PLAY", 818, 533, 1.65f, {255, 244, 226}, "REFRESH"},
+      {false, false, kPlayBox, "PLAY", 818, 533, 1.65f, {255, 244, 226}, "REFRESH"},
       {true, false, {38, 48, 54}, "PLEASE WAIT", 790, 535, 1.25f, {212, 222, 220}, "WAIT"},
-      {false, true, {111, 35, 31}, "UPDATE REQUIRED", 750, 535, 1.25f, {255, 230, 216}, "REFRESH"},
-      {true, true, {111, 35, 31}, "UPDATE REQUIRED", 750, 535, 1.25f, {255, 230, 216}, "WAIT"},
+      {false, true, kRequiredBox, "UPDATE REQUIRED", 750, 535, 1.25f, {255, 230, 216}, "REFRESH"},
+      {true, true, kRequiredBox, "UPDATE REQUIRED", 750, 535, 1.25f, {255, 230, 216}, "WAIT"},
   };
   for (const auto& c : cases) {
     Snapshot snap = idle();
