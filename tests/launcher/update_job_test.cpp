@@ -207,7 +207,11 @@ TEST_F(UpdateJob, ANewLauncherIsHandedToTheHelperAndTheJobStaysBusy) {
   EXPECT_TRUE(s.quitRequested);
   EXPECT_TRUE(s.busy);
   ASSERT_TRUE(waitUntil([&] { return recording.exists(); }, 20s));
-  EXPECT_EQ(recording.lines().size(), 11u);
+  const auto lines = recording.lines();
+  ASSERT_EQ(lines.size(), 11u);
+  EXPECT_EQ(lines[4], "arg=" + lines[0].substr(4));  // the helper's own process ID
+  // The helper is this test's child; collect it so later tests see only their own.
+  waitpid(std::stoi(lines[0].substr(4)), nullptr, 0);
   beginUpdateJob(shared, install.path(), "stable", false, false);
   EXPECT_EQ(snapshot(shared).status, "LAUNCHER UPDATED");
 }
