@@ -73,5 +73,20 @@ TEST(LauncherConcurrency, StartingAJobWhileOneRunsChangesNothing) {
   EXPECT_EQ(snap.progressTotal, 9u);
 }
 
+TEST(LauncherConcurrency, TheUiSnapshotsWhileAWorkerRunsAJob) {
+  TempDir install;  // no server configured: the job ends after its check
+  // Outlives the detached worker, as the launcher's own record does.
+  static Shared shared;
+  beginUpdateJob(shared, install.path(), "stable", true, false);
+  Snapshot snap = snapshot(shared);
+  while (snap.busy) {
+    EXPECT_EQ(snap.state, JobState::Checking);
+    EXPECT_EQ(snap.status, "CHECKING GAME FILES...");
+    snap = snapshot(shared);
+  }
+  EXPECT_EQ(snap.state, JobState::ServiceUnavailable);
+  EXPECT_EQ(snap.detail, "update_server_not_configured // ONLINE LOGIN STILL REQUIRED");
+}
+
 }  // namespace
 }  // namespace th::test
