@@ -1,3 +1,140 @@
 #include "update/signature.h"
 
-namespace th::update {}  // namespace th::update
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+
+#include <cstddef>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "update/pinned_key.h"
+#include "update/text_file.h"
+
+namespace th::update {
+namespace {
+
+struct DigestContextFree {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+struct KeyFree {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct BioFree {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
+using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
+using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
+using Bio = std::unique_ptr<BIO, BioFree>;
+
+constexpr std::size_t kDigestBytes = 32;
+constexpr std::size_t kFileChunkBytes = 65536;
+
+std::string hex(const unsigned char* bytes, std::size_t length) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(length * 2);
+  for (std::size_t i = 0; i < length; ++i) {
+    text.push_back(kDigits[bytes[i] >> 4]);
+    text.push_back(kDigits[bytes[i] & 0x0f]);
+  }
+  return text;
+}
+
+DigestContext startSha256() {
+  DigestContext context(EVP_MD_CTX_new());
+  if (context && EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) context.reset();
+  return context;
+}
+
+std::string finishSha256(EVP_MD_CTX* context) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_DigestFinal_ex(context, digest, &length) != 1 || length != kDigestBytes) return {};
+  return hex(digest, length);
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Strict: no blanks, no prefix, no trimming; empty, odd or non-hex text is refused.
+std::optional<std::vector<unsigned char>> decodeHex(std::string_view text) {
+  if (text.empty() || text.size() % 2 != 0) return std::nullopt;
+  std::vector<unsigned char> bytes;
+  bytes.reserve(text.size() / 2);
+  for (std::size_t i = 0; i < text.size(); i += 2) {
+    const int high = hexDigit(text[i]);
+    const int low = hexDigit(text[i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    bytes.push_back(static_cast<unsigned char>(high * 16 + low));
+  }
+  return bytes;
+}
+
+// The scheme follows the key's type with the library's defaults: PKCS #1 v1.5 for RSA, ECDSA
+// with a DER signature for EC keys; both over SHA-256.
+bool signatureMatches(EVP_PKEY* key, std::string_view manifest,
+                      const std::vector<unsigned char>& signature, EVP_MD_CTX* context) {
+  return EVP_DigestVerifyInit(context, nullptr, EVP_sha256(), nullptr, key) == 1 &&
+         EVP_DigestVerifyUpdate(context, manifest.data(), manifest.size()) == 1 &&
+         EVP_DigestVerifyFinal(context, signature.data(), signature.size()) == 1;
+}
+
+bool fail(std::string& error, const char* code) {
+  error = code;
+  return false;
+}
+
+}  // namespace
+
+std::string sha256Bytes(std::string_view bytes) {
+  DigestContext context = startSha256();
+  if (!context || EVP_DigestUpdate(context.get(), bytes.data(), bytes.size()) != 1) return {};
+  return finishSha256(context.get());
+}
+
+std::string sha256File(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in.is_open()) return {};
+  DigestContext context = startSha256();
+  if (!context) return {};
+  std::vector<char> chunk(kFileChunkBytes);
+  // istream::read reports a failing read (a folder opens but cannot be read) as badbit.
+  while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
+    if (EVP_DigestUpdate(context.get(), chunk.data(), static_cast<std::size_t>(in.gcount())) != 1)
+      return {};
+    if (in.eof()) break;
+  }
+  if (in.bad()) return {};
+  return finishSha256(context.get());
+}
+
+bool verifySignedManifest(std::string_view manifest, std::string_view signatureHex,
+                          const std::filesystem::path& publicKeyFile, std::string& error) {
+  const std::string keyBytes = readTextFile(publicKeyFile);
+  if (keyBytes.empty()) return fail(error, "update_public_key_missing");
+  const std::string fingerprint = sha256Bytes(keyBytes);
+  if (fingerprint.size() != 64 || fingerprint != pinnedKeyFingerprint())
+    return fail(error, "update_public_key_fingerprint_mismatch");
+  const std::optional<std::vector<unsigned char>> signature = decodeHex(signatureHex);
+  if (!signature) return fail(error, "manifest_signature_invalid_hex");
+
+  Bio bio(BIO_new_mem_buf(keyBytes.data(), static_cast<int>(keyBytes.size())));
+  if (!bio) return fail(error, "openssl_bio_failed");
+  Key key(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
+  bio.reset();
+  if (!key) return fail(error, "public_key_parse_failed");
+  DigestContext context(EVP_MD_CTX_new());
+  if (!context) return fail(error, "openssl_ctx_failed");
+  if (!signatureMatches(key.get(), manifest, *signature, context.get()))
+    return fail(error, "manifest_signature_verify_failed");
+  return true;
+}
+
+}  // namespace th::update
