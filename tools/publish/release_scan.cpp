@@ -1,0 +1,69 @@
+#include "tools/publish/release_scan.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include "tools/publish/manifest_json.h"
+#include "update/safe_path.h"
+
+namespace th::publish {
+namespace fs = std::filesystem;
+namespace {
+
+bool inside(const fs::path& path, const fs::path& folder) {
+  const auto [folderEnd, pathAt] =
+      std::mismatch(folder.begin(), folder.end(), path.begin(), path.end());
+  return folderEnd == folder.end();
+}
+
+// Why this entry cannot be shipped, or an empty text when it can; fills in its source and flag.
+std::string judge(const fs::directory_entry& entry, const fs::path& realRoot, ReleaseFile& file) {
+  std::error_code error;
+  if (needsUnicodeEscape(file.path)) return "control character in the name";
+  if (!update::safeRelativePath(file.path)) return "the launcher refuses this name";
+  file.source = entry.path();
+  if (entry.is_symlink(error)) {
+    const fs::path target = fs::canonical(entry.path(), error);
+    if (error) return "cannot be read (broken symbolic link: " + error.message() + ")";
+    if (!inside(target, realRoot)) return "symbolic link leaving the release folder";
+    file.source = target;
+  }
+  const fs::file_status status = fs::status(file.source, error);
+  if (fs::is_directory(status)) return "symbolic link to a folder (link the files instead)";
+  if (!fs::is_regular_file(status)) return "not a regular file";
+  file.executable = (status.permissions() & fs::perms::owner_exec) != fs::perms::none;
+  file.size = fs::file_size(file.source, error);
+  return {};
+}
+
+}  // namespace
+
+bool scanRelease(const fs::path& root, std::vector<ReleaseFile>& files,
+                 std::vector<std::string>& problems) {
+  std::error_code error;
+  const fs::path realRoot = fs::canonical(root, error);
+  if (error || !fs::is_directory(realRoot)) {
+    problems.push_back(root.string() + ": not a readable folder");
+    return false;
+  }
+  fs::recursive_directory_iterator walk(realRoot, error), end;
+  for (; !error && walk != end; walk.increment(error)) {
+    if (walk->is_directory(error) && !walk->is_symlink(error)) continue;
+    ReleaseFile file;
+    file.path = walk->path().lexically_relative(realRoot).generic_string();
+    const std::string problem = judge(*walk, realRoot, file);
+    if (problem.empty()) {
+      files.push_back(file);
+    } else {
+      problems.push_back(file.path + ": " + problem);
+    }
+  }
+  if (error) problems.push_back(root.string() + ": cannot be walked: " + error.message());
+  std::sort(files.begin(), files.end(),
+            [](const ReleaseFile& a, const ReleaseFile& b) { return a.path < b.path; });
+  std::sort(problems.begin(), problems.end());
+  if (files.empty() && problems.empty()) problems.push_back(root.string() + ": holds no files");
+  return problems.empty();
+}
+
+}  // namespace th::publish
