@@ -36,19 +36,19 @@ std::string judge(const fs::directory_entry& entry, const fs::path& realRoot, Re
   return {};
 }
 
-}  // namespace
-
-bool scanRelease(const fs::path& root, std::vector<ReleaseFile>& files,
-                 std::vector<std::string>& problems) {
+// Walks the release; `problems` gets one line per file that cannot be shipped.
+void scanInto(const fs::path& root, std::vector<ReleaseFile>& files,
+              std::vector<std::string>& problems) {
   std::error_code error;
   const fs::path realRoot = fs::canonical(root, error);
   if (error || !fs::is_directory(realRoot)) {
     problems.push_back(root.string() + ": not a readable folder");
-    return false;
+    return;
   }
   fs::recursive_directory_iterator walk(realRoot, error), end;
   for (; !error && walk != end; walk.increment(error)) {
-    if (walk->is_directory(error) && !walk->is_symlink(error)) continue;
+    std::error_code entryError;
+    if (walk->is_directory(entryError) && !walk->is_symlink(entryError)) continue;
     ReleaseFile file;
     file.path = walk->path().lexically_relative(realRoot).generic_string();
     const std::string problem = judge(*walk, realRoot, file);
@@ -61,9 +61,18 @@ bool scanRelease(const fs::path& root, std::vector<ReleaseFile>& files,
   if (error) problems.push_back(root.string() + ": cannot be walked: " + error.message());
   std::sort(files.begin(), files.end(),
             [](const ReleaseFile& a, const ReleaseFile& b) { return a.path < b.path; });
-  std::sort(problems.begin(), problems.end());
   if (files.empty() && problems.empty()) problems.push_back(root.string() + ": holds no files");
-  return problems.empty();
+}
+
+}  // namespace
+
+bool scanRelease(const fs::path& root, std::vector<ReleaseFile>& files,
+                 std::vector<std::string>& problems) {
+  std::vector<std::string> found;
+  scanInto(root, files, found);
+  std::sort(found.begin(), found.end());
+  problems.insert(problems.end(), found.begin(), found.end());
+  return found.empty();
 }
 
 }  // namespace th::publish
