@@ -2,7 +2,9 @@
 // The record shared by the UI thread and the update worker, and the UI's per-frame copy of it.
 // Included only by the launcher's own source and its tests, hence the unnamed namespace.
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -56,6 +58,17 @@ inline Snapshot snapshot(Shared& shared) {
                   shared.latestVersion, shared.releaseNotes,    shared.progressDone,
                   shared.progressTotal, shared.updateAvailable, shared.updateRequired,
                   shared.busy,          shared.quitRequested};
+}
+
+// Stores every (done, total) byte count the update engine reports, unfiltered; runs on whichever
+// thread reports it.
+inline std::function<void(std::size_t, std::size_t)> progressSink(Shared& shared) {
+  Shared* const target = &shared;
+  return [target](std::size_t done, std::size_t total) {
+    std::lock_guard lock(target->mutex);
+    target->progressDone = done;
+    target->progressTotal = total;
+  };
 }
 
 }  // namespace

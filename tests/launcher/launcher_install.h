@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "tests/launcher/recording.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
@@ -13,6 +14,8 @@ struct LauncherInstall {
   TempDir scratch;
   std::filesystem::path root = scratch / "game";
   std::filesystem::path launcher = root / "tarn-hollow-launcher";
+  // Written by a recorder installed as the game or the update helper.
+  Recording recording{scratch / "started.txt"};
 
   LauncherInstall() {
     const std::filesystem::path built = TH_LAUNCHER_DEVKEY;
@@ -27,6 +30,7 @@ struct LauncherInstall {
   ProcessOptions options() const {
     ProcessOptions options;
     options.env["XDG_DATA_HOME"] = (scratch / "xdg").string();
+    options.env["TH_RECORD_FILE"] = recording.file.string();
     options.workDir = root;
     return options;
   }

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 namespace th::test {
@@ -142,7 +143,16 @@ bool NginxServer::start(const std::filesystem::path& documentRoot,
 
 std::string NginxServer::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
-std::string NginxServer::accessLog() const { return readBytes(dir_ / "logs" / "access.log"); }
+std::string NginxServer::accessLog(size_t requests) const {
+  std::string log;
+  waitUntil(
+      [&] {
+        log = readBytes(dir_ / "logs" / "access.log");
+        return static_cast<size_t>(std::count(log.begin(), log.end(), '\n')) >= requests;
+      },
+      std::chrono::seconds(10));
+  return log;
+}
 
 std::string NginxServer::errorLog() const { return readBytes(dir_ / "logs" / "error.log"); }
 

@@ -27,8 +27,9 @@ class NginxServer {
   bool ok() const { return process_ != nullptr; }
   int port() const { return port_; }
   std::string url() const;  // "http://127.0.0.1:PORT", no trailing slash
-  // One line per request: `METHOD URI STATUS "USER-AGENT"`.
-  std::string accessLog() const;
+  // One line per request: `METHOD URI STATUS "USER-AGENT"`. nginx writes a line only after the
+  // response has gone out, so this waits (up to 10 s) until at least `requests` lines are there.
+  std::string accessLog(size_t requests = 0) const;
   std::string errorLog() const;
 
  private:

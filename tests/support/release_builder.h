@@ -5,12 +5,22 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace th::test {
 
-// One file of a test release.
+// One file of a test release: {"path", "bytes"}, {"path", "bytes", true} or, to announce a size
+// other than the byte count, {"path", "bytes", false, 999}.
 struct ReleaseFile {
+  ReleaseFile() = default;
+  ReleaseFile(std::string path, std::string bytes, bool executable = false,
+              std::optional<std::uint64_t> announcedSize = std::nullopt)
+      : path(std::move(path)),
+        bytes(std::move(bytes)),
+        executable(executable),
+        announcedSize(announcedSize) {}
+
   std::string path;   // relative, '/'-separated, as written into the manifest
   std::string bytes;  // served content; the manifest carries its SHA-256
   bool executable = false;

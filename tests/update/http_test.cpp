@@ -10,6 +10,7 @@
 #include "tests/support/nginx_server.h"
 #include "tests/support/temp_dir.h"
 #include "tests/update/local_http_server.h"
+#include "tests/update/update_fixture.h"
 
 namespace th::test {
 namespace {
@@ -98,30 +99,27 @@ TEST_F(HttpAgainstNginx, ServerSeesTheLauncherUserAgent) {
   std::string body, error;
   ASSERT_TRUE(httpGet(nginx.url() + "/hello.txt", body, error)) << error;
   ASSERT_TRUE(httpDownload(nginx.url() + "/big.bin", out / "big.bin", {}, error)) << error;
-  const std::string log = nginx.accessLog();
+  const std::string log = nginx.accessLog(2);
   EXPECT_NE(log.find("GET /hello.txt 200 \"TarnHollowLauncher/1.0.3\""), std::string::npos) << log;
   EXPECT_NE(log.find("GET /big.bin 200 \"TarnHollowLauncher/1.0.3\""), std::string::npos) << log;
 }
 
 TEST_F(HttpAgainstNginx, DownloadCreatesFoldersAndReportsProgress) {
-  std::vector<std::pair<size_t, size_t>> calls;
+  ProgressLog log;
   std::string error;
   const fs::path destination = out / "new" / "deep" / "big.bin";
-  ASSERT_TRUE(httpDownload(
-      nginx.url() + "/hop2",  // redirects are followed for downloads too
-      destination, [&](size_t done, size_t total) { calls.emplace_back(done, total); }, error))
-      << error;
+  // Redirects are followed for downloads too.
+  ASSERT_TRUE(httpDownload(nginx.url() + "/hop2", destination, log.sink(), error)) << error;
   EXPECT_EQ(readBytes(destination), "hello from nginx\n");
 
-  calls.clear();
-  ASSERT_TRUE(httpDownload(
-      nginx.url() + "/big.bin", destination,
-      [&](size_t done, size_t total) { calls.emplace_back(done, total); }, error))
-      << error;
+  log.calls.clear();
+  ASSERT_TRUE(httpDownload(nginx.url() + "/big.bin", destination, log.sink(), error)) << error;
   EXPECT_EQ(readBytes(destination), std::string(300000, 'z'));
-  ASSERT_FALSE(calls.empty());
-  EXPECT_EQ(calls.back(), std::make_pair(size_t{300000}, size_t{300000}));
-  for (size_t i = 1; i < calls.size(); ++i) EXPECT_GE(calls[i].first, calls[i - 1].first);
+  ASSERT_FALSE(log.calls.empty());
+  EXPECT_EQ(log.calls.back(), std::make_pair(size_t{300000}, size_t{300000}));
+  for (size_t i = 1; i < log.calls.size(); ++i) {
+    EXPECT_GE(log.calls[i].first, log.calls[i - 1].first);
+  }
 }
 
 TEST_F(HttpAgainstNginx, FailedDownloadLeavesNoFile) {
@@ -191,14 +189,12 @@ TEST(HttpFaults, SlowBodyOfUnknownLengthReportsATotalOfZero) {
   ASSERT_TRUE(server.ok());
   TempDir out;
   std::string error;
-  std::vector<std::pair<size_t, size_t>> calls;
-  ASSERT_TRUE(httpDownload(
-      server.url() + "/slow.bin", out / "slow.bin",
-      [&](size_t done, size_t total) { calls.emplace_back(done, total); }, error))
+  ProgressLog log;
+  ASSERT_TRUE(httpDownload(server.url() + "/slow.bin", out / "slow.bin", log.sink(), error))
       << error;
   EXPECT_EQ(readBytes(out / "slow.bin"), std::string(4000, 's'));
-  ASSERT_FALSE(calls.empty());
-  EXPECT_EQ(calls.back(), std::make_pair(size_t{4000}, size_t{0}));
+  ASSERT_FALSE(log.calls.empty());
+  EXPECT_EQ(log.calls.back(), std::make_pair(size_t{4000}, size_t{0}));
 }
 
 }  // namespace
