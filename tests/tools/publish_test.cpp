@@ -23,6 +23,9 @@ const std::string kNotes =
     "Faster loading.\nFixed a \"ghost\" crash in C:\\Games\\Tarn.\r\n\tCaf\xc3\xa9 {braces} [and] "
     "\"files\": [ ] stay text.";
 
+// Every punctuation mark a release name may hold; each must survive URL, server and parser.
+const std::string kOddName = "data/odd-name_(v2)+final;@'!$&*,=~.txt";
+
 struct Studio {
   th::test::TempDir scratch;
   fs::path release = scratch / "release";
@@ -35,6 +38,7 @@ struct Studio {
     writeBytes(release / "data" / "levels" / "one.dat", std::string(70000, 'L'));
     writeBytes(release / "data" / "empty.flag", "");
     fs::create_symlink("levels/one.dat", release / "data" / "linked.dat");
+    writeBytes(release / kOddName, "odd");
     writeBytes(notes, kNotes);
   }
 
@@ -65,7 +69,7 @@ TEST(Publish, ReleaseIsCheckedAndAppliedByTheEngineThenUpdatedIncrementally) {
       studio.publish("1.1.0", {"--notes", studio.notes.string(), "--mandatory",
                                "--minimum-online-version", "1.0.5", "--protocol-version", "3"});
   ASSERT_EQ(published.exitCode, 0) << published.err;
-  EXPECT_EQ(published.out, "published 1.1.0 (stable/linux): 4 files, 140026 bytes, in " +
+  EXPECT_EQ(published.out, "published 1.1.0 (stable/linux): 5 files, 140029 bytes, in " +
                                (studio.server / "stable" / "linux").string() + "\n");
   th::test::NginxServer nginx(studio.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
@@ -82,13 +86,15 @@ TEST(Publish, ReleaseIsCheckedAndAppliedByTheEngineThenUpdatedIncrementally) {
   EXPECT_TRUE(plan.manifest.mandatory);
   EXPECT_EQ(plan.manifest.minimumOnlineVersion, "1.0.5");
   EXPECT_EQ(plan.manifest.protocolVersion, 3);
-  EXPECT_EQ(plannedPaths(plan), (std::vector<std::string>{"data/empty.flag", "data/levels/one.dat",
-                                                          "data/linked.dat", "tarn-hollow"}));
-  EXPECT_EQ(plan.totalBytes, 140026u);
+  EXPECT_EQ(plannedPaths(plan),
+            (std::vector<std::string>{"data/empty.flag", "data/levels/one.dat", "data/linked.dat",
+                                      kOddName, "tarn-hollow"}));
+  EXPECT_EQ(plan.totalBytes, 140029u);
   ASSERT_TRUE(updater.apply(plan, {}, error, nullptr)) << error;
   EXPECT_EQ(readBytes(install / "tarn-hollow"), readBytes(studio.release / "tarn-hollow"));
   EXPECT_EQ(modeOf(install / "tarn-hollow"), 0755u);
   EXPECT_EQ(readBytes(install / "data" / "linked.dat"), std::string(70000, 'L'));
+  EXPECT_EQ(readBytes(install / kOddName), "odd");
   EXPECT_EQ(readBytes(install / "data" / "game_version"), "1.1.0\n");
 
   writeBytes(studio.release / "tarn-hollow", "#!/bin/sh\necho game 1.2.0\n");
@@ -128,7 +134,7 @@ TEST(Publish, LargeReleaseShowsHashingProgress) {
   writeBytes(studio.release / "data" / "big.pak", std::string(17u << 20, 'B'));
   const auto published = studio.publish("1.1.0");
   ASSERT_EQ(published.exitCode, 0) << published.err;
-  EXPECT_NE(published.err.find("hashing: 5/5 files, 17.1 of 17.1 MiB (100%)\n"), std::string::npos)
+  EXPECT_NE(published.err.find("hashing: 6/6 files, 17.1 of 17.1 MiB (100%)\n"), std::string::npos)
       << published.err;
 }
 
@@ -191,6 +197,10 @@ TEST_P(PublishRefusal, NamesEveryProblemAndPublishesNothing) {
   EXPECT_FALSE(fs::exists(studio.server));
 }
 
+const std::string kUnfetchable =
+    "characters the launcher cannot fetch (names may hold letters, digits and "
+    "- . _ ~ ! $ & ' ( ) * + , ; = @)";
+
 void file(Studio& s, const std::string& path) { writeBytes(s.release / path, "x"); }
 
 const std::string kDevFingerprint = th::update::sha256Bytes(readBytes(TH_DEV_PUBLIC_KEY));
@@ -217,9 +227,18 @@ INSTANTIATE_TEST_SUITE_P(
                 {"a:b: the launcher refuses this name", std::string(120, 'd') + "/" +
                                                             std::string(120, 'f') +
                                                             ": the launcher refuses this name"}},
-        Refusal{"ControlCharacterInName",
-                [](Studio& s) { file(s, "bell\a.txt"); },
-                {"bell\a.txt: control character in the name"}},
+        Refusal{"NamesTheLauncherCannotFetch",
+                [](Studio& s) {
+                  file(s, "bell\a.txt");
+                  file(s, "a b.txt");
+                  file(s, "100%.txt");
+                  file(s, "what?.txt");
+                  file(s, "caf\xc3\xa9.txt");
+                  file(s, "back\\slash");
+                },
+                {"100%.txt: " + kUnfetchable, "a b.txt: " + kUnfetchable,
+                 "back\\slash: " + kUnfetchable, "bell\a.txt: " + kUnfetchable,
+                 "caf\xc3\xa9.txt: " + kUnfetchable, "what?.txt: " + kUnfetchable}},
         Refusal{"LinksLeavingTheReleaseOrToFolders",
                 [](Studio& s) {
                   fs::create_symlink("/etc/hostname", s.release / "abs");

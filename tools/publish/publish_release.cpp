@@ -49,11 +49,11 @@ bool plainName(const std::string& name) {
          });
 }
 
-bool inside(const fs::path& path, const fs::path& folder) {
+bool serverRootInsideRelease(const ReleaseOptions& options) {
   std::error_code error;
-  const fs::path a = fs::weakly_canonical(path, error), b = fs::weakly_canonical(folder, error);
-  const auto [folderEnd, pathAt] = std::mismatch(b.begin(), b.end(), a.begin(), a.end());
-  return folderEnd == b.end();
+  const fs::path root = fs::weakly_canonical(options.serverRoot, error);
+  const fs::path release = fs::weakly_canonical(options.from, error);
+  return isWithin(root, release);
 }
 
 void checkValues(const ReleaseOptions& options, std::string& notes, Problems& problems) {
@@ -86,7 +86,7 @@ void checkValues(const ReleaseOptions& options, std::string& notes, Problems& pr
                          " which the launcher cannot read");
     }
   }
-  if (inside(options.serverRoot, options.from)) {
+  if (serverRootInsideRelease(options)) {
     problems.push_back(options.serverRoot.string() + ": the server root lies inside the release");
   }
 }

@@ -1,31 +1,40 @@
 #include "tools/publish/release_scan.h"
 
 #include <algorithm>
+#include <cctype>
+#include <string_view>
 #include <system_error>
 
-#include "tools/publish/manifest_json.h"
 #include "update/safe_path.h"
 
 namespace th::publish {
 namespace fs = std::filesystem;
 namespace {
 
-bool inside(const fs::path& path, const fs::path& folder) {
-  const auto [folderEnd, pathAt] =
-      std::mismatch(folder.begin(), folder.end(), path.begin(), path.end());
-  return folderEnd == folder.end();
+// The launcher joins names into URLs without escaping them, so a name must already be a valid
+// URL path: no blanks, quotes, '%' (the server would decode it), '?' or '#', no bytes beyond
+// ASCII. What is left are the characters a URL path may carry as they are.
+bool fetchableName(const std::string& path) {
+  static constexpr std::string_view kPunctuation = "-._~!$&'()*+,;=@/";
+  return std::all_of(path.begin(), path.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) ||
+           kPunctuation.find(c) != std::string_view::npos;
+  });
 }
 
 // Why this entry cannot be shipped, or an empty text when it can; fills in its source and flag.
 std::string judge(const fs::directory_entry& entry, const fs::path& realRoot, ReleaseFile& file) {
   std::error_code error;
-  if (needsUnicodeEscape(file.path)) return "control character in the name";
   if (!update::safeRelativePath(file.path)) return "the launcher refuses this name";
+  if (!fetchableName(file.path)) {
+    return "characters the launcher cannot fetch (names may hold letters, digits and "
+           "- . _ ~ ! $ & ' ( ) * + , ; = @)";
+  }
   file.source = entry.path();
   if (entry.is_symlink(error)) {
     const fs::path target = fs::canonical(entry.path(), error);
     if (error) return "cannot be read (broken symbolic link: " + error.message() + ")";
-    if (!inside(target, realRoot)) return "symbolic link leaving the release folder";
+    if (!isWithin(target, realRoot)) return "symbolic link leaving the release folder";
     file.source = target;
   }
   const fs::file_status status = fs::status(file.source, error);
@@ -65,6 +74,12 @@ void scanInto(const fs::path& root, std::vector<ReleaseFile>& files,
 }
 
 }  // namespace
+
+bool isWithin(const fs::path& path, const fs::path& folder) {
+  const auto [folderEnd, pathAt] =
+      std::mismatch(folder.begin(), folder.end(), path.begin(), path.end());
+  return folderEnd == folder.end();
+}
 
 bool scanRelease(const fs::path& root, std::vector<ReleaseFile>& files,
                  std::vector<std::string>& problems) {

@@ -20,6 +20,9 @@ struct ReleaseFile {
 // names the launcher refuses, links leading out of the release or to folders, broken links,
 // and things that are not regular files. True when the release is usable: no problems and at
 // least one file.
+// True when `path` is `folder` or lies below it, compared element by element as written.
+bool isWithin(const std::filesystem::path& path, const std::filesystem::path& folder);
+
 bool scanRelease(const std::filesystem::path& root, std::vector<ReleaseFile>& files,
                  std::vector<std::string>& problems);
 
