@@ -152,9 +152,6 @@ TEST_F(UpdateJob, AFailedCheckKeepsWhatTheLastCheckFound) {
   serve(release("1.3.0", {releaseFile("data/world.pak", "world")}));
   const std::string manifest = readBytes(channelFolder(serverRoot.path()) / "manifest.json");
   const std::string goodSignature = readBytes(channelFolder(serverRoot.path()) / "manifest.sig");
-  Release beta = release("1.3.0", {releaseFile("data/world.pak", "world")});
-  beta.channel = "beta";
-  const std::string betaManifest = manifestText(beta);
   const struct {
     std::string name;
     std::optional<std::string> serverFile;
@@ -165,8 +162,6 @@ TEST_F(UpdateJob, AFailedCheckKeepsWhatTheLastCheckFound) {
       {"blank server file", " \n", manifest, goodSignature, "update_server_not_configured"},
       {"bad signature", server->url(), manifest + " ", goodSignature,
        "manifest_signature_verify_failed"},
-      {"other channel", server->url(), betaManifest, signHex(betaManifest),
-       "manifest_channel_or_platform_mismatch"},
       {"server down", "http://127.0.0.1:" + std::to_string(freeLocalPort()), manifest,
        goodSignature, ""},
   };
@@ -207,7 +202,11 @@ TEST_F(UpdateJob, ANewLauncherIsHandedToTheHelperAndTheJobStaysBusy) {
   EXPECT_TRUE(s.quitRequested);
   EXPECT_TRUE(s.busy);
   ASSERT_TRUE(waitUntil([&] { return recording.exists(); }, 20s));
-  EXPECT_EQ(recording.lines().size(), 11u);
+  const auto lines = recording.lines();
+  ASSERT_EQ(lines.size(), 11u);
+  EXPECT_EQ(lines[4], "arg=" + lines[0].substr(4));  // the helper's own process ID
+  // The helper is this test's child; collect it so later tests see only their own.
+  waitpid(std::stoi(lines[0].substr(4)), nullptr, 0);
   beginUpdateJob(shared, install.path(), "stable", false, false);
   EXPECT_EQ(snapshot(shared).status, "LAUNCHER UPDATED");
 }

@@ -143,7 +143,8 @@ bool XvfbDisplay::requestClose(const std::string& window) const {
 }
 
 std::optional<Image> XvfbDisplay::screenshot(const std::string& window) const {
-  ProcessResult r = tool({"/usr/bin/import", "-window", window, "ppm:-"});
+  // ImageMagick's default depth may be 16 bits per sample; the parser reads 8.
+  ProcessResult r = tool({"/usr/bin/import", "-window", window, "-depth", "8", "ppm:-"});
   if (r.exitCode != 0) return std::nullopt;
   return parsePpm(r.out);
 }
