@@ -15,14 +15,14 @@ struct ReleaseFile {
   bool executable = false;       // the owner's execute bit
 };
 
-// Lists every file below `root` in a stable (sorted) order. Files that a release may not hold
-// are reported in `problems`, one "path: reason" line each, all of them, not just the first:
-// names the launcher refuses, links leading out of the release or to folders, broken links,
-// and things that are not regular files. True when the release is usable: no problems and at
-// least one file.
 // True when `path` is `folder` or lies below it, compared element by element as written.
 bool isWithin(const std::filesystem::path& path, const std::filesystem::path& folder);
 
+// Lists every file below `root` in a stable (sorted) order. Files that a release may not hold
+// are reported in `problems`, one "path: reason" line each, all of them, not just the first:
+// names the launcher refuses or cannot fetch, links leading out of the release or to folders,
+// broken links, and things that are not regular files. True when the release is usable: no
+// problems and at least one file.
 bool scanRelease(const std::filesystem::path& root, std::vector<ReleaseFile>& files,
                  std::vector<std::string>& problems);
 
