@@ -1,0 +1,47 @@
+// tarn-hollow-update-helper: swaps a new launcher executable in after the launcher quits, then
+// starts it again. The launcher starts it as its last act of a self-update.
+
+#include <chrono>
+#include <iostream>
+#include <string>
+
+#include "helper/command_line.h"
+#include "helper/helper_log.h"
+#include "helper/relaunch.h"
+#include "helper/replace_launcher.h"
+#include "helper/wait_for_exit.h"
+
+namespace {
+
+constexpr int kExitReplaced = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr auto kWaitLimit = std::chrono::seconds(30);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace th::helper;
+  HelperOptions options;
+  std::string error;
+  if (!parseCommandLine(argc, argv, options, error)) {
+    std::cerr << "tarn-hollow-update-helper: " << error << '\n' << usageText();
+    return kExitUsage;
+  }
+  const HelperLog log(workFolderOf(options.target) / "helper.log");
+  log.line("started: replace " + options.target.string() + " with " + options.staged.string());
+  waitForLauncherExit(options.waitPid, options.target, kWaitLimit, log);
+  // A failed swap does not relaunch: the old launcher would stage the same update and hand it
+  // back here, over and over.
+  if (!replaceLauncher(options.staged, options.target, log, error)) {
+    log.line("replacement failed: " + error);
+    return kExitFailed;
+  }
+  removeStagingFolder(options.staged, options.target, log);
+  if (!relaunch(options.relaunch, error)) {
+    log.line("relaunch of " + options.relaunch.string() + " failed: " + error);
+    return kExitFailed;
+  }
+  log.line("relaunched " + options.relaunch.string());
+  return kExitReplaced;
+}

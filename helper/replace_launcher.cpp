@@ -1,0 +1,117 @@
+#include "helper/replace_launcher.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <system_error>
+
+namespace th::helper {
+namespace fs = std::filesystem;
+namespace {
+
+constexpr std::string_view kStagePrefix = "stage-";
+
+fs::path normalised(const fs::path& path) {
+  std::error_code error;
+  const fs::path resolved = fs::weakly_canonical(fs::absolute(path, error), error);
+  return error ? fs::absolute(path, error).lexically_normal() : resolved;
+}
+
+std::string millisecondStamp() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+// Backups of one update stay together: a launcher staged in "stage-<stamp>" goes to the
+// "backup-<stamp>" folder that the engine made for the other files of the same update.
+fs::path backupFolderFor(const fs::path& staged, const fs::path& workFolder) {
+  const auto stage = stagingFolderOf(staged, workFolder);
+  const std::string stamp =
+      stage ? stage->filename().string().substr(kStagePrefix.size()) : millisecondStamp();
+  return workFolder / ("backup-" + stamp);
+}
+
+void syncPath(const fs::path& path, int flags) {
+  const int fd = open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return;
+  fsync(fd);
+  close(fd);
+}
+
+std::string withReason(std::string code, const std::error_code& reason) {
+  return reason ? code + ":" + reason.message() : code;
+}
+
+// Moves the installed launcher, if there is one, into the backup area.
+bool moveAside(const fs::path& target, const fs::path& backup, const HelperLog& log,
+               std::string& error) {
+  std::error_code reason;
+  if (!fs::exists(fs::symlink_status(target, reason))) return true;
+  fs::create_directories(backup.parent_path(), reason);
+  fs::rename(target, backup, reason);
+  if (reason) {
+    error = withReason("launcher_backup_failed", reason);
+    return false;
+  }
+  log.line("moved old launcher to " + backup.string());
+  return true;
+}
+
+}  // namespace
+
+fs::path workFolderOf(const fs::path& target) {
+  return normalised(target.parent_path()) / ".tarnhollow-update";
+}
+
+std::optional<fs::path> stagingFolderOf(const fs::path& staged, const fs::path& workFolder) {
+  const fs::path work = normalised(workFolder);
+  const fs::path file = normalised(staged);
+  for (fs::path folder = file.parent_path(); folder != folder.parent_path();
+       folder = folder.parent_path()) {
+    if (folder.parent_path() != work) continue;
+    if (folder.filename().string().starts_with(kStagePrefix)) return folder;
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+bool replaceLauncher(const fs::path& staged, const fs::path& target, const HelperLog& log,
+                     std::string& error) {
+  std::error_code reason;
+  if (!fs::is_regular_file(fs::symlink_status(staged, reason))) {
+    error = "staged_launcher_not_a_file";
+    return false;
+  }
+  // Executable before it takes the launcher's name, so no moment exists without the bit.
+  fs::permissions(staged, fs::perms(0755), fs::perm_options::replace, reason);
+  const fs::path backup = backupFolderFor(staged, workFolderOf(target)) / target.filename();
+  if (!moveAside(target, backup, log, error)) return false;
+  fs::rename(staged, target, reason);
+  if (reason) {
+    error = withReason("launcher_rename_failed", reason);
+    std::error_code restore;
+    if (fs::exists(fs::symlink_status(backup, restore))) fs::rename(backup, target, restore);
+    log.line(restore ? "could not put the old launcher back: " + restore.message()
+                     : "old launcher put back");
+    return false;
+  }
+  syncPath(target, O_RDONLY);
+  syncPath(target.parent_path(), O_RDONLY | O_DIRECTORY);
+  log.line("installed " + staged.string() + " as " + target.string());
+  return true;
+}
+
+void removeStagingFolder(const fs::path& staged, const fs::path& target, const HelperLog& log) {
+  const auto stage = stagingFolderOf(staged, workFolderOf(target));
+  if (!stage) {
+    log.line("staged file was outside the work folder; nothing to clean up");
+    return;
+  }
+  std::error_code reason;
+  fs::remove_all(*stage, reason);
+  log.line(reason ? "could not remove " + stage->string() + ": " + reason.message()
+                  : "removed " + stage->string());
+}
+
+}  // namespace th::helper

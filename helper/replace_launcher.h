@@ -1,0 +1,30 @@
+#pragma once
+// Swapping the staged launcher in for the installed one, and tidying the update work folder.
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "helper/helper_log.h"
+
+namespace th::helper {
+
+// The update work folder of the install that holds `target`.
+std::filesystem::path workFolderOf(const std::filesystem::path& target);
+
+// The "stage-" folder directly inside `workFolder` that holds `staged`, if it lies in one.
+std::optional<std::filesystem::path> stagingFolderOf(const std::filesystem::path& staged,
+                                                     const std::filesystem::path& workFolder);
+
+// Moves `target` aside into the work folder's backup area, renames `staged` onto it with mode
+// 0755 and flushes it to disk. When the rename fails the old launcher is put back. Error codes:
+// "staged_launcher_not_a_file", "launcher_backup_failed", "launcher_rename_failed", each
+// followed by ":" and the system's reason where there is one.
+bool replaceLauncher(const std::filesystem::path& staged, const std::filesystem::path& target,
+                     const HelperLog& log, std::string& error);
+
+// Removes the staging folder that held `staged`; never anything outside the work folder.
+void removeStagingFolder(const std::filesystem::path& staged, const std::filesystem::path& target,
+                         const HelperLog& log);
+
+}  // namespace th::helper

@@ -1,0 +1,47 @@
+// Stands in for the launcher at the end of a self-update: copied into an install folder as
+// "tarn-hollow-launcher", it starts the helper exactly as the launcher's hand-off does (fork,
+// enter the helper's folder, exec with the child's own process ID) and quits, but only once
+// the helper's log shows that it is waiting, so that the wait for the launcher is exercised.
+// Usage: fake_launcher STAGED
+
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+namespace {
+
+bool helperIsWaiting(const std::filesystem::path& log) {
+  std::ifstream in(log);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str().find("waiting for launcher") != std::string::npos;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  const auto install = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  const std::string helper = (install / "tarn-hollow-update-helper").string();
+  const std::string launcher = (install / "tarn-hollow-launcher").string();
+  const pid_t pid = fork();
+  if (pid < 0) return 1;
+  if (pid == 0) {
+    if (chdir(install.c_str()) != 0) _exit(126);
+    const std::string ownPid = std::to_string(getpid());
+    execl(helper.c_str(), "tarn-hollow-update-helper", "--wait-pid", ownPid.c_str(), "--replace",
+          argv[1], "--target", launcher.c_str(), "--relaunch", launcher.c_str(),
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  const auto log = install / ".tarnhollow-update" / "helper.log";
+  for (int i = 0; i < 1000 && !helperIsWaiting(log); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return 0;
+}

@@ -1,0 +1,59 @@
+#include "tools/publish/keygen.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <system_error>
+
+#include "tools/publish/keys.h"
+#include "update/signature.h"
+
+namespace th::publish {
+namespace fs = std::filesystem;
+namespace {
+
+// Created with its final mode, so the private key is never readable by others, not even briefly.
+bool writeNewFile(const fs::path& path, const std::string& bytes, mode_t mode) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (fd < 0) return false;
+  size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
+    if (n <= 0) break;
+    written += static_cast<size_t>(n);
+  }
+  const bool ok = written == bytes.size() && fsync(fd) == 0;
+  return close(fd) == 0 && ok;
+}
+
+}  // namespace
+
+bool generateKeyPair(const fs::path& out, KeygenResult& result,
+                     std::vector<std::string>& problems) {
+  KeygenResult made{out / "update-private-key.pem", out / "update-public-key.pem", {}};
+  std::error_code error;
+  for (const fs::path& file : {made.privateKey, made.publicKey}) {
+    if (fs::exists(fs::symlink_status(file, error))) {
+      problems.push_back(file.string() + ": already exists; a key is never overwritten");
+    }
+  }
+  if (!problems.empty()) return false;
+  fs::create_directories(out, error);
+  PrivateKey key;
+  std::string privatePem, publicPem, code;
+  if (!generateKey(key, code) || !privateKeyPem(key.get(), privatePem, code) ||
+      !publicKeyPem(key.get(), publicPem, code)) {
+    problems.push_back("key generation failed: " + code);
+    return false;
+  }
+  if (!writeNewFile(made.privateKey, privatePem, 0600) ||
+      !writeNewFile(made.publicKey, publicPem, 0644)) {
+    problems.push_back(out.string() + ": cannot write the key files");
+    return false;
+  }
+  made.fingerprint = update::sha256Bytes(publicPem);
+  result = made;
+  return true;
+}
+
+}  // namespace th::publish

@@ -1,0 +1,112 @@
+#include "tools/publish/keys.h"
+
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+
+#include <vector>
+
+#include "update/text_file.h"
+
+namespace th::publish {
+namespace {
+
+struct BioFree {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
+struct DigestContextFree {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+using Bio = std::unique_ptr<BIO, BioFree>;
+using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
+
+// Refuses to prompt: the tool runs unattended, so an encrypted key simply cannot be read.
+int noPassword(char*, int, int, void*) { return -1; }
+
+bool memoryBioText(BIO* bio, std::string& text) {
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(bio, &data);
+  if (length <= 0 || data == nullptr) return false;
+  text.assign(data, static_cast<size_t>(length));
+  return true;
+}
+
+std::string hexOf(const std::vector<unsigned char>& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const unsigned char b : bytes) {
+    text.push_back(kDigits[b >> 4]);
+    text.push_back(kDigits[b & 0x0f]);
+  }
+  return text;
+}
+
+}  // namespace
+
+bool generateKey(PrivateKey& key, std::string& error) {
+  PrivateKey fresh(EVP_EC_gen("P-256"));
+  if (!fresh) {
+    error = "key_generation_failed";
+    return false;
+  }
+  key = std::move(fresh);
+  return true;
+}
+
+bool loadPrivateKey(const std::filesystem::path& file, PrivateKey& key, std::string& error) {
+  const std::string pem = update::readTextFile(file);
+  Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  PrivateKey loaded(bio && !pem.empty()
+                        ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr)
+                        : nullptr);
+  if (!loaded) {
+    error = "private_key_unreadable";
+    return false;
+  }
+  key = std::move(loaded);
+  return true;
+}
+
+bool privateKeyPem(EVP_PKEY* key, std::string& pem, std::string& error) {
+  Bio bio(BIO_new(BIO_s_mem()));
+  if (!bio ||
+      PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1 ||
+      !memoryBioText(bio.get(), pem)) {
+    error = "pem_encoding_failed";
+    return false;
+  }
+  return true;
+}
+
+bool publicKeyPem(EVP_PKEY* key, std::string& pem, std::string& error) {
+  Bio bio(BIO_new(BIO_s_mem()));
+  if (!bio || PEM_write_bio_PUBKEY(bio.get(), key) != 1 || !memoryBioText(bio.get(), pem)) {
+    error = "pem_encoding_failed";
+    return false;
+  }
+  return true;
+}
+
+bool signSha256(EVP_PKEY* key, std::string_view bytes, std::string& signatureHex,
+                std::string& error) {
+  DigestContext context(EVP_MD_CTX_new());
+  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+  size_t length = 0;
+  std::vector<unsigned char> signature;
+  bool ok = context &&
+            EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
+            EVP_DigestSign(context.get(), nullptr, &length, data, bytes.size()) == 1;
+  if (ok) {
+    signature.resize(length);
+    ok = EVP_DigestSign(context.get(), signature.data(), &length, data, bytes.size()) == 1;
+    signature.resize(length);
+  }
+  if (!ok || signature.empty()) {
+    error = "key_cannot_sign";
+    return false;
+  }
+  signatureHex = hexOf(signature);
+  return true;
+}
+
+}  // namespace th::publish

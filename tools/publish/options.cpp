@@ -1,0 +1,89 @@
+#include "tools/publish/options.h"
+
+#include <map>
+#include <set>
+
+namespace th::publish {
+namespace {
+
+struct Grammar {
+  std::set<std::string> valued;    // options that take a value
+  std::set<std::string> flags;     // options that stand alone
+  std::set<std::string> required;  // valued options that must be given
+};
+
+using Values = std::map<std::string, std::string>;
+
+bool parseWords(const std::vector<std::string>& args, const Grammar& grammar, Values& values,
+                std::string& error) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& name = args[i];
+    const bool flag = grammar.flags.count(name) > 0;
+    if (!flag && grammar.valued.count(name) == 0) {
+      error = "unknown argument '" + name + "'";
+      return false;
+    }
+    if (!flag && (i + 1 >= args.size() || args[i + 1].empty())) {
+      error = "missing value for " + name;
+      return false;
+    }
+    if (!values.emplace(name, flag ? "" : args[++i]).second) {
+      error = "repeated " + name;
+      return false;
+    }
+  }
+  for (const std::string& name : grammar.required) {
+    if (values.count(name) == 0) {
+      error = "missing " + name;
+      return false;
+    }
+  }
+  return true;
+}
+
+void take(const Values& values, const std::string& name, std::string& into) {
+  if (const auto found = values.find(name); found != values.end()) into = found->second;
+}
+void take(const Values& values, const std::string& name, std::filesystem::path& into) {
+  if (const auto found = values.find(name); found != values.end()) into = found->second;
+}
+
+}  // namespace
+
+std::string usageText() {
+  return "usage: tarn-hollow-publish keygen --out DIR\n"
+         "       tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
+         "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
+         "           [--mandatory] [--minimum-online-version V] [--protocol-version N]\n";
+}
+
+bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& options,
+                        std::string& error) {
+  Values values;
+  if (!parseWords(args, {{"--out"}, {}, {"--out"}}, values, error)) return false;
+  take(values, "--out", options.out);
+  return true;
+}
+
+bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
+                         std::string& error) {
+  const Grammar grammar{{"--from", "--version", "--key", "--server-root", "--channel", "--platform",
+                         "--notes", "--minimum-online-version", "--protocol-version"},
+                        {"--mandatory"},
+                        {"--from", "--version", "--key", "--server-root"}};
+  Values values;
+  if (!parseWords(args, grammar, values, error)) return false;
+  take(values, "--from", options.from);
+  take(values, "--version", options.version);
+  take(values, "--key", options.key);
+  take(values, "--server-root", options.serverRoot);
+  take(values, "--channel", options.channel);
+  take(values, "--platform", options.platform);
+  take(values, "--notes", options.notes);
+  take(values, "--minimum-online-version", options.minimumOnlineVersion);
+  take(values, "--protocol-version", options.protocolVersion);
+  options.mandatory = values.count("--mandatory") > 0;
+  return true;
+}
+
+}  // namespace th::publish

@@ -1,0 +1,35 @@
+#pragma once
+// The command lines of tarn-hollow-publish's two commands.
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace th::publish {
+
+struct KeygenOptions {
+  std::filesystem::path out;
+};
+
+struct ReleaseOptions {
+  std::filesystem::path from;
+  std::string version;
+  std::filesystem::path key;
+  std::filesystem::path serverRoot;
+  std::string channel = "stable";
+  std::string platform = "linux";
+  std::filesystem::path notes;  // empty: no release notes
+  bool mandatory = false;
+  std::string minimumOnlineVersion;
+  std::string protocolVersion = "0";  // checked with the other values, see publish_release.h
+};
+
+// `args` are the words after the command name. On failure `error` says what is wrong.
+bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& options,
+                        std::string& error);
+bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
+                         std::string& error);
+
+std::string usageText();
+
+}  // namespace th::publish
