@@ -66,8 +66,15 @@ TEST(SaveMigration, CopiesBothLegacyFilesOnceKeepingOriginalsAndNewerSaves) {
   EXPECT_EQ(readBytes(install.saves / "profile_v07.sav"), std::string("profile\0bytes", 13));
 }
 
-TEST(SaveMigration, WithoutALegacyFolderOnlyCreatesTheSaveFolder) {
+TEST(SaveMigration, WithoutAUsableOrALegacyFolderOnlyCreatesTheSaveFolder) {
   Install install;
+  writeBytes(install.scratch / "xdg" / "tarn-hollow", "a file where the data folder should be");
+  writeBytes(install.legacy / "profile_v07.sav", "profile");
+  install.migrate();  // an unusable save folder neither stops the program nor touches the legacy
+  EXPECT_EQ(readBytes(install.legacy / "profile_v07.sav"), "profile");
+
+  fs::remove_all(install.scratch / "xdg");
+  fs::remove_all(install.legacy);
   install.migrate();
   EXPECT_TRUE(fs::is_directory(install.saves));
   EXPECT_TRUE(fs::is_empty(install.saves));
