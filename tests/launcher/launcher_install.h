@@ -1,30 +1,49 @@
 #pragma once
-// A scratch install folder holding a copy of the development-key launcher and its icon, and
-// the environment that keeps the launcher's user data inside the scratch folder.
+// The recorder program (recorder.cpp) installed as the game or the update helper, and a scratch
+// install holding a copy of the development-key launcher with the environment that keeps the
+// launcher's user data inside the scratch folder.
 
 #include <filesystem>
+#include <sstream>
 
-#include "tests/launcher/recording.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
 namespace th::test {
 
+struct Recording {
+  std::filesystem::path file;  // where the recorder writes; passed as TH_RECORD_FILE
+
+  static void installAt(const std::filesystem::path& destination) {
+    std::filesystem::create_directories(destination.parent_path());
+    std::filesystem::copy_file(TH_RECORDER, destination,
+                               std::filesystem::copy_options::overwrite_existing);
+  }
+
+  // "pid=...", "cwd=...", then "arg=..." for each argument, once the recorder has written them.
+  std::vector<std::string> lines() const {
+    std::vector<std::string> result;
+    if (!waitUntil([&] { return std::filesystem::exists(file); }, std::chrono::seconds(20))) {
+      return result;
+    }
+    std::istringstream in(readBytes(file));
+    for (std::string line; std::getline(in, line);) result.push_back(line);
+    return result;
+  }
+};
+
 struct LauncherInstall {
   TempDir scratch;
   std::filesystem::path root = scratch / "game";
   std::filesystem::path launcher = root / "tarn-hollow-launcher";
-  // Written by a recorder installed as the game or the update helper.
   Recording recording{scratch / "started.txt"};
 
   LauncherInstall() {
-    const std::filesystem::path built = TH_LAUNCHER_DEVKEY;
-    std::filesystem::create_directories(root / "assets" / "launcher");
-    std::filesystem::create_directories(root / "data");
-    std::filesystem::copy_file(built, launcher);
-    std::filesystem::copy_file(
-        built.parent_path() / "assets" / "launcher" / "tarn_hollow_launcher.png",
-        root / "assets" / "launcher" / "tarn_hollow_launcher.png");
+    const std::filesystem::path icon = "assets/launcher/tarn_hollow_launcher.png";
+    std::filesystem::create_directories((root / icon).parent_path());
+    std::filesystem::copy_file(TH_LAUNCHER_DEVKEY, launcher);
+    std::filesystem::copy_file(std::filesystem::path(TH_LAUNCHER_DEVKEY).parent_path() / icon,
+                               root / icon);
   }
 
   ProcessOptions options() const {

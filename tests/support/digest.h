@@ -8,8 +8,6 @@ namespace th::test {
 
 // SHA-256 of `bytes` as 64 lower-case hex digits, computed independently of the engine.
 std::string sha256Hex(std::string_view bytes);
-
-// Lower-case hex text of raw bytes, two digits per byte.
 std::string lowerHex(const unsigned char* bytes, size_t length);
 
 }  // namespace th::test

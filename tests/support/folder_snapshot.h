@@ -6,22 +6,17 @@
 
 namespace th::test {
 
-// What a snapshot records for one entry below the folder.
-struct SnapshotEntry {
-  std::string type;     // "file", "folder", "symlink" or "other"
-  unsigned mode = 0;    // permission bits (07777)
-  std::string content;  // SHA-256 of a file's bytes, a symlink's target, empty otherwise
-  bool operator==(const SnapshotEntry&) const = default;
-};
+// One entry below the folder: "file <mode> <sha256>", "folder <mode>", "symlink <mode> <target>".
+using FolderSnapshot = std::map<std::string, std::string>;
 
 // Every entry below a folder (not following symlinks), keyed by '/'-separated relative path.
-using FolderSnapshot = std::map<std::string, SnapshotEntry>;
-
 FolderSnapshot snapshotFolder(const std::filesystem::path& folder);
 
-// Empty when equal; otherwise one line per difference: "- path (...)" only before,
-// "+ path (...)" only after, "~ path: (...) -> (...)" changed. Use as
-// EXPECT_EQ(snapshotDiff(before, snapshotFolder(dir)), "");
+// An install folder without the updater's work folder, which failed updates leave behind.
+FolderSnapshot installSnapshot(const std::filesystem::path& installDir);
+
+// Empty when equal; otherwise one line per difference ("- path", "+ path", "~ path: a -> b").
+// Use as EXPECT_EQ(snapshotDiff(before, snapshotFolder(dir)), "");
 std::string snapshotDiff(const FolderSnapshot& before, const FolderSnapshot& after);
 
 }  // namespace th::test

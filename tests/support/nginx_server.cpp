@@ -1,18 +1,13 @@
 #include "tests/support/nginx_server.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 namespace th::test {
 namespace {
-
-constexpr int kStartAttempts = 5;
 
 sockaddr_in loopback(int port) {
   sockaddr_in address{};
@@ -22,14 +17,8 @@ sockaddr_in loopback(int port) {
   return address;
 }
 
-bool pathExists(const std::filesystem::path& path) {
-  std::error_code ignored;
-  return std::filesystem::exists(path, ignored);
-}
-
 bool accepts(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) return false;
   const sockaddr_in address = loopback(port);
   const bool connected =
       connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
@@ -39,59 +28,24 @@ bool accepts(int port) {
 
 // Single process, no user switch: with a master process nginx running as root would drop its
 // workers to `nobody`, who cannot read the test's private 0700 folders.
-std::string configText(const std::filesystem::path& dir, const std::filesystem::path& root,
-                       int port, const std::string& extra) {
-  const std::string d = dir.string();
-  return "daemon off;\n"
-         "master_process off;\n"
-         "worker_processes 1;\n"
-         "pid " +
-         d +
-         "/nginx.pid;\n"
-         "error_log " +
-         d +
-         "/logs/error.log info;\n"
-         "events { worker_connections 128; }\n"
-         "http {\n"
-         "  log_format th '$request_method $request_uri $status \"$http_user_agent\"';\n"
-         "  access_log " +
-         d +
-         "/logs/access.log th;\n"
-         "  client_body_temp_path " +
-         d +
-         "/temp/body;\n"
-         "  proxy_temp_path " +
-         d +
-         "/temp/proxy;\n"
-         "  fastcgi_temp_path " +
-         d +
-         "/temp/fastcgi;\n"
-         "  uwsgi_temp_path " +
-         d +
-         "/temp/uwsgi;\n"
-         "  scgi_temp_path " +
-         d +
-         "/temp/scgi;\n"
-         "  default_type application/octet-stream;\n"
-         "  server {\n"
-         "    listen 127.0.0.1:" +
-         std::to_string(port) +
-         ";\n"
-         "    root " +
-         root.string() +
-         ";\n"
-         "    " +
-         extra +
-         "\n"
-         "  }\n"
-         "}\n";
+constexpr const char* kConfig = R"(daemon off; master_process off; worker_processes 1;
+pid @DIR@/nginx.pid;
+error_log @DIR@/error.log info;
+events { worker_connections 128; }
+http {
+  log_format th '$request_method $request_uri $status "$http_user_agent"';
+  access_log @DIR@/access.log th;
+  client_body_temp_path @DIR@/body; proxy_temp_path @DIR@/proxy; fastcgi_temp_path @DIR@/fcgi;
+  uwsgi_temp_path @DIR@/uwsgi; scgi_temp_path @DIR@/scgi;
+  default_type application/octet-stream;
+  server { listen 127.0.0.1:@PORT@; root @ROOT@; @EXTRA@ }
 }
+)";
 
 }  // namespace
 
 int freeLocalPort() {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) return 0;
   sockaddr_in address = loopback(0);
   socklen_t length = sizeof address;
   int port = 0;
@@ -106,10 +60,8 @@ int freeLocalPort() {
 NginxServer::NginxServer(const std::filesystem::path& documentRoot,
                          const std::string& extraServerConfig) {
   std::error_code ignored;
-  std::filesystem::create_directories(dir_ / "logs", ignored);
-  std::filesystem::create_directories(dir_ / "temp", ignored);
   // Another process may grab the port between its release and nginx's bind: try again.
-  for (int attempt = 0; attempt < kStartAttempts && !ok(); ++attempt) {
+  for (int attempt = 0; attempt < 5 && !ok(); ++attempt) {
     start(std::filesystem::absolute(documentRoot, ignored), extraServerConfig);
   }
 }
@@ -125,17 +77,28 @@ bool NginxServer::start(const std::filesystem::path& documentRoot,
   std::error_code ignored;
   std::filesystem::remove(dir_ / "nginx.pid", ignored);
   port_ = freeLocalPort();
-  if (port_ == 0) return false;
-  writeBytes(dir_ / "nginx.conf", configText(dir_.path(), documentRoot, port_, extraServerConfig));
+  std::string config = kConfig;
+  for (const auto& [name, value] :
+       {std::pair<std::string, std::string>{"@DIR@", dir_.path().string()},
+        {"@PORT@", std::to_string(port_)},
+        {"@ROOT@", documentRoot.string()},
+        {"@EXTRA@", extraServerConfig}}) {
+    for (size_t at; (at = config.find(name)) != std::string::npos;)
+      config.replace(at, name.size(), value);
+  }
+  writeBytes(dir_ / "nginx.conf", config);
   auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
       "/usr/sbin/nginx", "-p", dir_.path().string() + "/", "-c", (dir_ / "nginx.conf").string(),
-      "-e", (dir_ / "logs" / "error.log").string()});
+      "-e", (dir_ / "error.log").string()});
   // nginx writes its pid file only after binding the port, so a stranger on it is not mistaken
   // for our server.
-  const std::filesystem::path pidFile = dir_ / "nginx.pid";
   const bool ready =
-      waitUntil([&] { return !process->running() || (pathExists(pidFile) && accepts(port_)); },
-                std::chrono::seconds(10)) &&
+      waitUntil(
+          [&] {
+            return !process->running() ||
+                   (std::filesystem::exists(dir_ / "nginx.pid", ignored) && accepts(port_));
+          },
+          std::chrono::seconds(10)) &&
       process->running();
   if (ready) process_ = std::move(process);
   return ready;
@@ -147,13 +110,13 @@ std::string NginxServer::accessLog(size_t requests) const {
   std::string log;
   waitUntil(
       [&] {
-        log = readBytes(dir_ / "logs" / "access.log");
+        log = readBytes(dir_ / "access.log");
         return static_cast<size_t>(std::count(log.begin(), log.end(), '\n')) >= requests;
       },
       std::chrono::seconds(10));
   return log;
 }
 
-std::string NginxServer::errorLog() const { return readBytes(dir_ / "logs" / "error.log"); }
+std::string NginxServer::errorLog() const { return readBytes(dir_ / "error.log"); }
 
 }  // namespace th::test

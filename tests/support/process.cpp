@@ -2,13 +2,11 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstring>
-#include <system_error>
 
 #include "tests/support/temp_dir.h"
 
@@ -20,15 +18,14 @@ namespace {
 std::vector<std::string> childEnvironment(const ProcessOptions& options) {
   std::map<std::string, std::string> vars;
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    const char* eq = std::strchr(*entry, '=');
-    if (eq != nullptr) vars[std::string(*entry, static_cast<size_t>(eq - *entry))] = eq + 1;
+    if (const char* eq = std::strchr(*entry, '='))
+      vars[std::string(*entry, static_cast<size_t>(eq - *entry))] = eq + 1;
   }
   for (const auto& [name, value] : options.env) {
-    if (value) {
+    if (value)
       vars[name] = *value;
-    } else {
+    else
       vars.erase(name);
-    }
   }
   std::vector<std::string> env;
   for (const auto& [name, value] : vars) env.push_back(name + "=" + value);
@@ -52,22 +49,17 @@ std::filesystem::path outputFile(const char* stream) {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const ProcessOptions& options)
     : outPath_(outputFile("out")), errPath_(outputFile("err")) {
-  std::vector<std::string> args = argv;
-  std::vector<std::string> env = childEnvironment(options);
-  std::vector<char*> argp = pointers(args);
-  std::vector<char*> envp = pointers(env);
   // Everything the child needs is prepared before the fork.
+  std::vector<std::string> args = argv, env = childEnvironment(options);
+  std::vector<char*> argp = pointers(args), envp = pointers(env);
   const std::string outPath = outPath_.string(), errPath = errPath_.string();
   const std::string workDir = options.workDir.string();
   pid_ = fork();
   if (pid_ != 0) return;
   setpgid(0, 0);
-  const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const int null = open("/dev/null", O_RDONLY);
-  dup2(null, 0);
-  dup2(out, 1);
-  dup2(err, 2);
+  dup2(open("/dev/null", O_RDONLY), 0);
+  dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+  dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
   if (!workDir.empty() && chdir(workDir.c_str()) != 0) _exit(125);
   execve(argp[0], argp.data(), envp.data());
   _exit(127);
@@ -106,9 +98,8 @@ std::string ChildProcess::err() const { return readBytes(errPath_); }
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
   ChildProcess child(argv, options);
   ProcessResult result;
-  const std::optional<int> code = child.wait(options.timeout);
+  result.exitCode = child.wait(options.timeout).value_or(-1);
   result.timedOut = child.running();
-  if (code) result.exitCode = *code;
   if (result.timedOut) {
     child.kill(SIGKILL);
     child.wait(std::chrono::seconds(10));

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace th::test {
@@ -54,8 +55,12 @@ class ChildProcess {
 
 // Polls `ready` every 20 ms until it holds or `timeout` passes.
 template <typename Predicate>
-bool waitUntil(Predicate ready, std::chrono::milliseconds timeout);
+bool waitUntil(Predicate ready, std::chrono::milliseconds timeout) {
+  for (const auto deadline = std::chrono::steady_clock::now() + timeout; !ready();) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
 
 }  // namespace th::test
-
-#include "tests/support/process_inl.h"

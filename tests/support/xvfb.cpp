@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
+#include <map>
 #include <memory>
 #include <sstream>
 
@@ -43,13 +43,6 @@ std::optional<Image> parsePpm(const std::string& bytes) {
 Rgb Image::at(int x, int y) const {
   const size_t i = (static_cast<size_t>(y) * width + x) * 3;
   return {rgb[i], rgb[i + 1], rgb[i + 2]};
-}
-
-bool Image::savePpm(const std::string& path) const {
-  std::ofstream out(path, std::ios::binary);
-  out << "P6\n" << width << " " << height << "\n255\n";
-  out.write(reinterpret_cast<const char*>(rgb.data()), static_cast<std::streamsize>(rgb.size()));
-  return out.good();
 }
 
 XvfbDisplay::XvfbDisplay() {
@@ -104,15 +97,14 @@ std::optional<std::string> XvfbDisplay::waitForWindow(const std::string& title,
 }
 
 std::optional<std::pair<int, int>> XvfbDisplay::windowSize(const std::string& window) const {
-  ProcessResult r = tool({"/usr/bin/xdotool", "getwindowgeometry", "--shell", window});
-  int width = -1, height = -1;
-  std::istringstream lines(r.out);
+  std::istringstream lines(tool({"/usr/bin/xdotool", "getwindowgeometry", "--shell", window}).out);
+  std::map<std::string, int> values;
   for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("WIDTH=", 0) == 0) width = std::stoi(line.substr(6));
-    if (line.rfind("HEIGHT=", 0) == 0) height = std::stoi(line.substr(7));
+    if (const auto eq = line.find('='); eq != std::string::npos)
+      values[line.substr(0, eq)] = std::atoi(line.c_str() + eq + 1);
   }
-  if (width < 0 || height < 0) return std::nullopt;
-  return std::make_pair(width, height);
+  if (!values.contains("WIDTH") || !values.contains("HEIGHT")) return std::nullopt;
+  return std::make_pair(values["WIDTH"], values["HEIGHT"]);
 }
 
 bool XvfbDisplay::click(const std::string& window, int x, int y) const {

@@ -21,7 +21,6 @@ struct Image {
   int height = 0;
   std::vector<std::uint8_t> rgb;  // row-major, 3 bytes per pixel
   Rgb at(int x, int y) const;
-  bool savePpm(const std::string& path) const;
 };
 
 // A private X server (Xvfb) on a free display number, stopped at scope end. Windows are

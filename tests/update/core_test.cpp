@@ -1,0 +1,111 @@
+// Versions, safe paths, text files and hashing: the engine's pure pieces.
+#include <gtest/gtest.h>
+
+#include "tests/support/digest.h"
+#include "tests/support/temp_dir.h"
+#include "update/safe_path.h"
+#include "update/signature.h"
+#include "update/text_file.h"
+#include "update/version.h"
+
+namespace th::test {
+namespace {
+
+using namespace update;
+
+TEST(CompareVersion, ReadsPartsWrapsAndIsAntisymmetric) {
+  const struct {
+    std::string a, b;
+    int expected;
+  } table[] = {
+      {"", "0.0", 0},
+      {"1.2", "1.2.0.0.0", 0},
+      {"1.2.1", "1.2", 1},
+      {"1.2", "1.10", -1},
+      {"1.2.3.4.1", "1.2.3.4", 1},
+      {"1..2", "1.0.2", 0},
+      {"1.", "1", 0},
+      {".5", "0.5", 0},
+      {"1.2.3-beta", "1.2.3", 0},
+      {"1.2a.3", "1.2", 0},
+      {"v1.2", "0", 0},
+      {" 1.2", "0", 0},
+      {"1.2 ", "1.2", 0},
+      {"1.02", "1.2", 0},
+      {"10", "9.9.9", 1},
+      // Parts wrap modulo 2^32 into a signed int, then compare accordingly.
+      {"4294967297", "1", 0},
+      {"1.4294967306", "1.10", 0},
+      {"4294967296", "0", 0},
+      {"2147483648", "1", -1},
+      {"2147483647", "2147483648", 1},
+      {"99999999999999999999", "1661992959", 0},
+  };
+  for (const auto& row : table) {
+    EXPECT_EQ(compareVersion(row.a, row.b), row.expected) << row.a << " vs " << row.b;
+    EXPECT_EQ(compareVersion(row.b, row.a), -row.expected) << row.b << " vs " << row.a;
+    EXPECT_EQ(compareVersion(row.a, row.a), 0) << row.a;
+  }
+}
+
+TEST(SafeRelativePath, AcceptsOrdinaryPathsAndRejectsEscapesAndReservedPlaces) {
+  const struct {
+    std::string path;
+    bool safe;
+  } table[] = {
+      {"data/empty.flag", true},
+      {"a/.../b", true},
+      {"a\\..\\b", true},
+      {"save", true},
+      {"saves/x", true},
+      {".tarnhollow-update", true},
+      {"a//b/", true},
+      {"data/update_public_key.pem.bak", true},
+      {std::string(240, 'a'), true},
+      {std::string(241, 'a'), false},
+      {"", false},
+      {"/etc/passwd", false},
+      {"\\windows\\x", false},
+      {"C:/x", false},
+      {"a:b", false},
+      {"a/../b", false},
+      {"./x", false},
+      {"x/.", false},
+      {"..", false},
+      {"save/profile.sav", false},
+      {"save//profile.sav", false},
+      {"userdata/x", false},
+      {"data/update_public_key.pem", false},
+      {"data//update_public_key.pem", false},
+      {".tarnhollow-update/stage-1/x", false},
+  };
+  for (const auto& row : table) EXPECT_EQ(safeRelativePath(row.path), row.safe) << row.path;
+}
+
+TEST(TextFile, RoundTripsBytesCreatesParentsAndTruncates) {
+  TempDir dir;
+  const std::string bytes("line one\r\nNUL\0here\n\xff", 20);
+  ASSERT_TRUE(writeTextFile(dir / "a" / "b" / "f.bin", bytes));
+  EXPECT_EQ(readBytes(dir / "a" / "b" / "f.bin"), bytes);
+  EXPECT_EQ(readTextFile(dir / "a" / "b" / "f.bin"), bytes);
+  ASSERT_TRUE(writeTextFile(dir / "a" / "b" / "f.bin", "new"));
+  EXPECT_EQ(readBytes(dir / "a" / "b" / "f.bin"), "new");
+  EXPECT_FALSE(writeTextFile(dir / "a" / "b" / "f.bin" / "child.txt", "x"));
+  EXPECT_EQ(readTextFile(dir / "missing"), "");
+}
+
+TEST(Sha256, MatchesAnIndependentDigestAcrossTheChunkBoundary) {
+  TempDir dir;
+  for (const size_t size : {0, 65536, 65537}) {
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 131 + i / 977);
+    writeBytes(dir / "f", bytes);
+    EXPECT_EQ(sha256File(dir / "f"), sha256Hex(bytes)) << size;
+    EXPECT_EQ(sha256Bytes(bytes), sha256Hex(bytes)) << size;
+  }
+  EXPECT_EQ(sha256Bytes(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(sha256File(dir / "missing"), "");
+}
+
+}  // namespace
+}  // namespace th::test

@@ -1,0 +1,243 @@
+// Check and apply against a real nginx serving signed releases.
+#include "update/updater.h"
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "tests/support/digest.h"
+#include "tests/support/folder_snapshot.h"
+#include "tests/support/nginx_server.h"
+#include "tests/support/release_builder.h"
+#include "tests/support/temp_dir.h"
+
+namespace th::test {
+namespace {
+
+namespace fs = std::filesystem;
+using update::UpdatePlan;
+
+const std::string kLauncher = "tarn-hollow-launcher";
+
+class Updater : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+    prepareInstall(install.path(), nginx.url(), "1.0.0\n");
+    writeBytes(install / "save" / "profile_v07.sav", "the player's progress");
+    updater.server = nginx.url();
+  }
+
+  UpdatePlan checked() {
+    UpdatePlan plan;
+    std::string error;
+    EXPECT_TRUE(updater.check("stable", plan, error)) << error;
+    return plan;
+  }
+
+  // Names of the updater's work folder entries that start with `prefix`.
+  std::string workEntries(const std::string& prefix) const {
+    std::string names;
+    for (const auto& [path, entry] : snapshotFolder(install / ".tarnhollow-update")) {
+      if (path.starts_with(prefix)) names += path + ";";
+    }
+    return names;
+  }
+
+  TempDir www, install;
+  NginxServer nginx{www.path()};
+  update::Updater updater{install.path()};
+};
+
+Release fiveFiles() {
+  Release release;
+  release.version = "2.0.0";
+  release.files = {{"tarn-hollow", "game 2.0", true},
+                   {"data/a.bin", std::string(70000, 'a')},
+                   {"data/forest.map", "forest 2.0"},
+                   {"data/extra/d.bin", "d 2.0"},
+                   {"tarn-hollow-update-helper", "helper 2.0", true}};
+  return release;
+}
+
+TEST_F(Updater, ChecksUnderAServerUrlWithOrWithoutSlashAndASignatureEndingCrLf) {
+  const std::string manifest = publishRelease(www / "updates", fiveFiles());
+  publishRawManifest(www / "updates", manifest, signHex(manifest) + "\r\n");
+  for (const std::string base : {"/updates", "/updates/"}) {
+    updater.server = nginx.url() + base;
+    EXPECT_EQ(checked().manifest.version, "2.0.0") << base;
+  }
+  const std::string log = nginx.accessLog(4);
+  EXPECT_NE(log.find("GET /updates/stable/linux/manifest.json 200"), std::string::npos) << log;
+  EXPECT_NE(log.find("GET /updates/stable/linux/manifest.sig 200"), std::string::npos) << log;
+}
+
+TEST_F(Updater, PlansWhatIsMissingOrDifferentByDigestAlone) {
+  Release release = fiveFiles();
+  release.files = {{"current.txt", "same bytes"},
+                   {"stale.txt", "new bytes"},
+                   {"absent/deep/new.txt", "brand new", false, 100},
+                   {"folder-here", "a file", false, 7},
+                   {"wrong-size.txt", "right digest", false, 999},
+                   {"bin/" + kLauncher, "new launcher", true}};
+  publishRelease(www.path(), release);
+  writeBytes(install / "current.txt", "same bytes");
+  writeBytes(install / "stale.txt", "old bytes");
+  fs::create_directories(install / "folder-here");
+  writeBytes(install / "wrong-size.txt", "right digest");
+  writeBytes(install / "bin" / kLauncher, "old launcher");
+
+  UpdatePlan plan = checked();
+  std::string paths;
+  for (const auto& file : plan.files) paths += file.path + (file.missing ? " (missing);" : ";");
+  EXPECT_EQ(paths,
+            "stale.txt;absent/deep/new.txt (missing);folder-here (missing);bin/" + kLauncher + ";");
+  EXPECT_EQ(plan.totalBytes, 9u + 100u + 7u + 12u);
+  EXPECT_TRUE(plan.launcherUpdate);
+
+  for (const ReleaseFile& file : release.files) {
+    fs::remove_all(install / file.path);
+    writeBytes(install / file.path, file.bytes);
+  }
+  plan = checked();
+  EXPECT_TRUE(plan.files.empty());
+  EXPECT_EQ(plan.totalBytes, 0u);
+  EXPECT_FALSE(plan.launcherUpdate);
+}
+
+TEST_F(Updater, RefusesWithoutAnyRequestWhenThereIsNothingToAsk) {
+  const FolderSnapshot before = installSnapshot(install.path());
+  UpdatePlan plan;
+  std::string error;
+  updater.server.clear();
+  EXPECT_FALSE(updater.check("stable", plan, error));
+  EXPECT_EQ(error, "update_server_not_configured");
+
+  updater.server = nginx.url();
+  writeBytes(install / "data" / "game_version", "1.10\n");
+  plan.manifest.version = "1.9.99";
+  plan.files.push_back({"x.txt", std::string(64, 'a'), 1, false, install / "x.txt", true});
+  EXPECT_FALSE(updater.apply(plan, {}, error, nullptr));
+  EXPECT_EQ(error, "update_downgrade_blocked:1.9.99");
+
+  writeBytes(install / "data" / "game_version", "1.0.0\n");
+  plan.manifest.version = "2.0.0";
+  plan.files.clear();
+  EXPECT_TRUE(updater.apply(plan, {}, error, nullptr)) << error;
+  EXPECT_EQ(snapshotDiff(before, snapshotFolder(install.path())), "");
+  EXPECT_EQ(nginx.accessLog(), "");
+}
+
+TEST_F(Updater, InstallsAFreshReleaseThenOnlyWhatChanged) {
+  const Release release = fiveFiles();
+  publishRelease(www.path(), release);
+  const UpdatePlan plan = checked();
+  std::vector<std::pair<size_t, size_t>> progress;
+  std::string error;
+  ASSERT_TRUE(updater.apply(
+      plan, [&](size_t done, size_t total) { progress.emplace_back(done, total); }, error, nullptr))
+      << error;
+  for (const ReleaseFile& file : release.files) {
+    EXPECT_EQ(readBytes(install / file.path), file.bytes) << file.path;
+    EXPECT_EQ(fs::status(install / file.path).permissions() & fs::perms::all,
+              fs::perms(file.executable ? 0755 : 0644))
+        << file.path;
+  }
+  EXPECT_EQ(readBytes(install / "data" / "game_version"), "2.0.0\n");
+  EXPECT_EQ(readBytes(install / "save" / "profile_v07.sav"), "the player's progress");
+  EXPECT_EQ(workEntries("stage-"), "");
+  ASSERT_FALSE(progress.empty());
+  for (const auto& [done, total] : progress) EXPECT_EQ(total, plan.totalBytes);
+  EXPECT_EQ(progress.back(), std::make_pair(plan.totalBytes, plan.totalBytes));
+
+  writeBytes(install / "data" / "forest.map", "forest 1.0");
+  fs::remove(install / "data" / "extra" / "d.bin");
+  ASSERT_TRUE(updater.apply(checked(), {}, error, nullptr)) << error;
+  EXPECT_EQ(readBytes(install / "data" / "forest.map"), "forest 2.0");
+  EXPECT_EQ(readBytes(install / "data" / "extra" / "d.bin"), "d 2.0");
+  const std::string log = nginx.accessLog(11);  // 2 x (manifest, signature), 5 + 2 files
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 11) << log;
+}
+
+TEST_F(Updater, LeavesANewLauncherStagedForTheHelperOrDiscardsIt) {
+  Release release = fiveFiles();
+  release.files = {{"bin/" + kLauncher, "launcher 2.0", true}};
+  writeBytes(install / "bin" / kLauncher, "launcher 1.0");
+  publishRelease(www.path(), release);
+  const UpdatePlan plan = checked();
+  fs::path staged;
+  std::string error;
+  ASSERT_TRUE(updater.apply(plan, {}, error, &staged)) << error;
+  EXPECT_EQ(staged.parent_path().parent_path().parent_path(), install / ".tarnhollow-update");
+  EXPECT_EQ(readBytes(staged), "launcher 2.0");
+  EXPECT_EQ(readBytes(install / "bin" / kLauncher), "launcher 1.0");
+  EXPECT_EQ(readBytes(install / "data" / "game_version"), "2.0.0\n");
+
+  fs::remove_all(install / ".tarnhollow-update");
+  ASSERT_TRUE(updater.apply(plan, {}, error, nullptr)) << error;
+  EXPECT_EQ(workEntries("stage-"), "");
+  EXPECT_EQ(readBytes(install / "bin" / kLauncher), "launcher 1.0");
+}
+
+// Whatever the server does wrong, the install stays byte for byte as it was. The release
+// replaces two files and adds three; it fails at the check, the 3rd download or the 4th install.
+TEST_F(Updater, HostileServersChangeNothing) {
+  const std::string httpError = curl_easy_strerror(CURLE_HTTP_RETURNED_ERROR);
+  const fs::path served = channelFolder(www.path());
+  const auto resign = [&](const std::string& from, const std::string& to) {
+    return [&, from, to] {
+      std::string manifest = readBytes(served / "manifest.json");
+      manifest.replace(manifest.find(from), from.size(), to);
+      publishRawManifest(www.path(), manifest, signHex(manifest));
+    };
+  };
+  const auto entry = [](const std::string& path, const std::string& bytes) {
+    return "\"" + path + "\", \"sha256\": \"" + sha256Hex(bytes);
+  };
+  const struct {
+    std::string name;
+    std::function<void()> tamper;
+    std::string error;
+  } table[] = {
+      {"beta manifest in the stable folder", resign("\"stable\"", "\"beta\""),
+       "manifest_channel_or_platform_mismatch"},
+      {"manifest changed after signing",
+       [&] { writeBytes(served / "manifest.json", readBytes(served / "manifest.json") + " "); },
+       "manifest_signature_verify_failed"},
+      {"no signature", [&] { fs::remove(served / "manifest.sig"); }, httpError},
+      {"3rd file other bytes", [&] { writeBytes(served / "files/data/forest.map", "forest 2.1"); },
+       "download_hash_mismatch:data/forest.map"},
+      {"3rd file missing", [&] { fs::remove(served / "files/data/forest.map"); }, httpError},
+      {"a file where the 4th file's folder must go",
+       [&] { writeBytes(install / "data" / "extra", "in the way"); },
+       "update_destination_failed:data/extra/d.bin"},
+      {"4th file is the 3rd again",
+       resign(entry("data/extra/d.bin", "d 2.0"), entry("data/forest.map", "forest 2.0")),
+       "update_install_failed:data/forest.map"},
+  };
+  writeBytes(install / "tarn-hollow", "game 1.0");
+  writeBytes(install / "data" / "a.bin", "a 1.0");
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.name);
+    fs::remove_all(www / "stable");
+    fs::remove_all(install / "data" / "extra");
+    publishRelease(www.path(), fiveFiles());
+    row.tamper();
+    const FolderSnapshot before = installSnapshot(install.path());
+    UpdatePlan plan;
+    std::string error;
+    if (updater.check("stable", plan, error)) {
+      EXPECT_FALSE(updater.apply(plan, {}, error, nullptr));
+    }
+    EXPECT_EQ(error, row.error);
+    EXPECT_EQ(snapshotDiff(before, installSnapshot(install.path())), "");
+    // Only a failed download removes the staging folder; the install phase keeps it.
+    if (!row.error.starts_with("update_")) {
+      EXPECT_EQ(workEntries("stage-"), "");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace th::test
