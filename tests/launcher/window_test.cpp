@@ -13,6 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr const char* kTitle = "Tarn Hollow Launcher";
 constexpr std::pair<int, int> kPlay{850, 546}, kRefresh{917, 473};
 
 class Launcher : public ::testing::Test {
@@ -29,7 +30,7 @@ class Launcher : public ::testing::Test {
     ASSERT_TRUE(display.ok());
     launcher = std::make_unique<ChildProcess>(std::vector<std::string>{install.launcher.string()},
                                               display.optionsFor(install.options()));
-    const auto found = display.waitForWindow("Tarn Hollow Launcher", 20s);
+    const auto found = display.waitForWindow(kTitle, 20s, launcher->pid());
     ASSERT_TRUE(found) << launcher->err();
     window = *found;
   }
@@ -40,12 +41,19 @@ class Launcher : public ::testing::Test {
                      const std::function<bool(const Image&)>& also = {}) {
     return waitUntil(
         [&] {
+          followWindow();
           const auto shot = display.screenshot(window);
           if (shot) screen = *shot;
           return shot && showsText(screen, 720, 118, status, 1.02f, colour) &&
                  (!also || also(screen));
         },
         90s);
+  }
+
+  // SDL may replace the window it first maps while it sets up the renderer, so the launcher's
+  // visible window is looked up again before each look at the screen.
+  void followWindow() {
+    if (const auto current = display.waitForWindow(kTitle, 2s, launcher->pid())) window = *current;
   }
 
   bool click(std::pair<int, int> point) { return display.click(window, point.first, point.second); }
@@ -78,8 +86,8 @@ TEST(LauncherWithoutDisplay, ExitsWithOneAndSaysNothingWhenVideoCannotStart) {
 TEST_F(Launcher, WithoutAServerOrAGameShowsWhyAndClosesCleanly) {
   prepareInstall(install.root, std::nullopt);
   start();
-  EXPECT_EQ(display.windowSize(window), std::make_pair(1040, 640));
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
+  EXPECT_EQ(display.windowSize(window), std::make_pair(1040, 640));
   ASSERT_TRUE(click(kPlay));
   ASSERT_TRUE(waitForStatus("GAME EXECUTABLE MISSING", kStatusFailed));
   EXPECT_TRUE(launcher->running());

@@ -66,6 +66,11 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const ProcessOp
 }
 
 ChildProcess::~ChildProcess() {
+  // A polite stop first, so servers remove their lock files and sockets; then no more waiting.
+  if (running()) {
+    kill(SIGTERM);
+    wait(std::chrono::seconds(3));
+  }
   if (running()) {
     kill(SIGKILL);
     wait(std::chrono::seconds(10));

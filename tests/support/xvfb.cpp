@@ -1,8 +1,6 @@
 #include "tests/support/xvfb.h"
 
 #include <X11/Xlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -12,13 +10,6 @@
 
 namespace th::test {
 namespace {
-
-bool displayInUse(int number) {
-  struct stat info;
-  const std::string lock = "/tmp/.X" + std::to_string(number) + "-lock";
-  const std::string socket = "/tmp/.X11-unix/X" + std::to_string(number);
-  return stat(lock.c_str(), &info) == 0 || stat(socket.c_str(), &info) == 0;
-}
 
 struct DisplayCloser {
   void operator()(Display* display) const { XCloseDisplay(display); }
@@ -47,22 +38,20 @@ Rgb Image::at(int x, int y) const {
 }
 
 XvfbDisplay::XvfbDisplay() {
-  for (int number = 57 + getpid() % 300; number < 1000; ++number) {
-    if (displayInUse(number)) continue;
-    name_ = ":" + std::to_string(number);
-    // -noreset: several clients connect one after another; without it the server briefly
-    // refuses connections whenever the last client leaves.
-    server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-        "/usr/bin/Xvfb", name_, "-noreset", "-nolisten", "tcp", "-screen", "0", "1280x800x24"});
-    const bool up = waitUntil(
-        [&] {
-          std::unique_ptr<Display, DisplayCloser> display(XOpenDisplay(name_.c_str()));
-          return display != nullptr || !server_->running();
-        },
-        std::chrono::seconds(10));
-    if (up && server_->running()) return;
+  // Xvfb picks a free display number itself and writes it to stdout (-displayfd 1) once it
+  // accepts connections. -noreset: several clients connect one after another; without it the
+  // server briefly refuses connections whenever the last client leaves.
+  server_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{"/usr/bin/Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp",
+                               "-screen", "0", "1280x800x24"});
+  const bool up = waitUntil(
+      [&] { return server_->out().find('\n') != std::string::npos || !server_->running(); },
+      std::chrono::seconds(10));
+  if (!up || !server_->running()) {
     server_.reset();
+    return;
   }
+  name_ = ":" + server_->out().substr(0, server_->out().find('\n'));
 }
 
 XvfbDisplay::~XvfbDisplay() = default;
@@ -86,12 +75,15 @@ ProcessResult XvfbDisplay::tool(const std::vector<std::string>& argv) const {
 }
 
 std::optional<std::string> XvfbDisplay::waitForWindow(const std::string& title,
-                                                      std::chrono::milliseconds timeout) const {
+                                                      std::chrono::milliseconds timeout,
+                                                      pid_t owner) const {
+  std::vector<std::string> search{"/usr/bin/xdotool", "search", "--onlyvisible"};
+  if (owner > 0) search.insert(search.end(), {"--pid", std::to_string(owner)});
+  search.insert(search.end(), {"--name", "^" + title + "$"});
   std::optional<std::string> found;
   waitUntil(
       [&] {
-        ProcessResult r =
-            tool({"/usr/bin/xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"});
+        ProcessResult r = tool(search);
         std::istringstream lines(r.out);
         std::string id;
         if (r.exitCode == 0 && std::getline(lines, id) && !id.empty()) found = id;

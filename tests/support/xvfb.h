@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -35,9 +37,12 @@ class XvfbDisplay {
   // Options that run a program on this display with SDL's deterministic software renderer.
   ProcessOptions optionsFor(ProcessOptions options = {}) const;
 
-  // The id of the first visible window with exactly this title, waiting up to `timeout`.
+  // The id of the first visible window with exactly this title, waiting up to `timeout`. With
+  // `owner`, only that process's windows count: a window of a program that has just exited can
+  // outlive it for a moment, until the server has handled the closed connection.
   std::optional<std::string> waitForWindow(const std::string& title,
-                                           std::chrono::milliseconds timeout) const;
+                                           std::chrono::milliseconds timeout,
+                                           pid_t owner = 0) const;
   // Width and height of a window, as the X server reports them.
   std::optional<std::pair<int, int>> windowSize(const std::string& window) const;
   bool click(const std::string& window, int x, int y) const;
