@@ -13,17 +13,6 @@
 #include <string>
 #include <thread>
 
-namespace {
-
-bool helperIsWaiting(const std::filesystem::path& log) {
-  std::ifstream in(log);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str().find("waiting for launcher") != std::string::npos;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const auto install = std::filesystem::read_symlink("/proc/self/exe").parent_path();
@@ -40,7 +29,10 @@ int main(int argc, char** argv) {
     _exit(127);
   }
   const auto log = install / ".tarnhollow-update" / "helper.log";
-  for (int i = 0; i < 1000 && !helperIsWaiting(log); ++i) {
+  for (int i = 0; i < 1000; ++i) {
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    if (text.str().find("waiting for launcher") != std::string::npos) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return 0;
