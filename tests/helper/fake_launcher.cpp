@@ -1,7 +1,6 @@
-// Stands in for the launcher at the end of a self-update: copied into an install folder as
-// "tarn-hollow-launcher", it starts the helper exactly as the launcher's hand-off does (fork,
-// enter the helper's folder, exec with the child's own process ID) and quits, but only once
-// the helper's log shows that it is waiting, so that the wait for the launcher is exercised.
+// Stands in for the launcher handing over to the helper: copied into an install as
+// "tarn-hollow-launcher", it forks, enters its folder and execs the helper with the child's own
+// process ID, as the launcher does, then quits once the helper's log shows it waiting.
 // Usage: fake_launcher STAGED
 
 #include <unistd.h>
