@@ -1,7 +1,6 @@
-// Stands in for the launcher at the end of a self-update: copied into an install folder as
-// "tarn-hollow-launcher", it starts the helper exactly as the launcher's hand-off does (fork,
-// enter the helper's folder, exec with the child's own process ID) and quits, but only once
-// the helper's log shows that it is waiting, so that the wait for the launcher is exercised.
+// Stands in for the launcher handing over to the helper: copied into an install as
+// "tarn-hollow-launcher", it forks, enters its folder and execs the helper with the child's own
+// process ID, as the launcher does, then quits once the helper's log shows it waiting.
 // Usage: fake_launcher STAGED
 
 #include <unistd.h>
@@ -12,17 +11,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-
-namespace {
-
-bool helperIsWaiting(const std::filesystem::path& log) {
-  std::ifstream in(log);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str().find("waiting for launcher") != std::string::npos;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
@@ -40,7 +28,10 @@ int main(int argc, char** argv) {
     _exit(127);
   }
   const auto log = install / ".tarnhollow-update" / "helper.log";
-  for (int i = 0; i < 1000 && !helperIsWaiting(log); ++i) {
+  for (int i = 0; i < 1000; ++i) {
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    if (text.str().find("waiting for launcher") != std::string::npos) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return 0;

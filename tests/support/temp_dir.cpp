@@ -32,4 +32,9 @@ std::string readBytes(const std::filesystem::path& path) {
   return bytes.str();
 }
 
+unsigned fileMode(const std::filesystem::path& path) {
+  std::error_code ignored;
+  return static_cast<unsigned>(std::filesystem::status(path, ignored).permissions()) & 07777u;
+}
+
 }  // namespace th::test

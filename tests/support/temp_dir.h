@@ -25,5 +25,7 @@ class TempDir {
 // Test-side file access that does not go through the code under test.
 void writeBytes(const std::filesystem::path& path, const std::string& bytes);
 std::string readBytes(const std::filesystem::path& path);
+// Permission bits as in `ls -l` octal (0755), following symlinks.
+unsigned fileMode(const std::filesystem::path& path);
 
 }  // namespace th::test
