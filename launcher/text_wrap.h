@@ -1,6 +1,7 @@
 #pragma once
 // Word wrapping for the debug font, which draws printable ASCII only.
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,20 +10,14 @@
 
 namespace {
 
-// Keeps line feeds and printable ASCII, turns tabs into spaces, drops everything else
-// (carriage returns, other control bytes, DEL and every byte of a multi-byte character).
-inline std::string printableText(const std::string& text) {
-  std::string cleaned;
-  cleaned.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte == '\t') {
-      cleaned += ' ';
-    } else if (byte == '\n' || (byte >= 32 && byte <= 126)) {
-      cleaned += c;
-    }
-  }
-  return cleaned;
+// What the debug font can show of a byte: line feeds and printable ASCII as they are, a tab as a
+// space; nothing for everything else (carriage returns, other control bytes, DEL and every byte
+// of a multi-byte character).
+inline std::optional<char> printableByte(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  if (byte == '\t') return ' ';
+  if (byte == '\n' || (byte >= 32 && byte <= 126)) return c;
+  return std::nullopt;
 }
 
 class LineWrapper {
@@ -84,8 +79,11 @@ class LineWrapper {
 inline std::vector<std::string> wrappedLines(const std::string& text, std::size_t width,
                                              std::size_t maxLines) {
   LineWrapper wrapper(width);
-  for (const char c : printableText(text)) {
-    wrapper.addByte(c);
+  // Bytes are cleaned as they are read, so a huge text costs only what is shown of it.
+  for (const char c : text) {
+    const std::optional<char> shown = printableByte(c);
+    if (!shown) continue;
+    wrapper.addByte(*shown);
     if (wrapper.lineCount() >= maxLines) break;
   }
   if (wrapper.lineCount() < maxLines) wrapper.finishText();
