@@ -10,24 +10,12 @@
 #include <optional>
 #include <vector>
 
+#include "update/openssl_handles.h"
 #include "update/pinned_key.h"
 #include "update/text_file.h"
 
 namespace th::update {
 namespace {
-
-struct DigestContextFree {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-struct KeyFree {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-struct BioFree {
-  void operator()(BIO* bio) const { BIO_free(bio); }
-};
-using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
-using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
-using Bio = std::unique_ptr<BIO, BioFree>;
 
 constexpr std::size_t kDigestBytes = 32;
 constexpr std::size_t kFileChunkBytes = 65536;

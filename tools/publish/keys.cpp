@@ -10,14 +10,8 @@
 namespace th::publish {
 namespace {
 
-struct BioFree {
-  void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct DigestContextFree {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-using Bio = std::unique_ptr<BIO, BioFree>;
-using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
+using update::Bio;
+using update::DigestContext;
 
 // Refuses to prompt: the tool runs unattended, so an encrypted key simply cannot be read.
 int noPassword(char*, int, int, void*) { return -1; }

@@ -1,19 +1,16 @@
 #pragma once
 // The studio's signing key: generation, PEM files, and SHA-256 signatures over the manifest.
 
-#include <openssl/evp.h>
-
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "update/openssl_handles.h"
+
 namespace th::publish {
 
-struct KeyFree {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-using PrivateKey = std::unique_ptr<EVP_PKEY, KeyFree>;
+using PrivateKey = update::Key;
 
 // A fresh EC P-256 key pair. Error: "key_generation_failed".
 bool generateKey(PrivateKey& key, std::string& error);
