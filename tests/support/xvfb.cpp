@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <sstream>
 
@@ -91,17 +90,6 @@ std::optional<std::string> XvfbDisplay::waitForWindow(const std::string& title,
       },
       timeout);
   return found;
-}
-
-std::optional<std::pair<int, int>> XvfbDisplay::windowSize(const std::string& window) const {
-  std::istringstream lines(tool({"/usr/bin/xdotool", "getwindowgeometry", "--shell", window}).out);
-  std::map<std::string, int> values;
-  for (std::string line; std::getline(lines, line);) {
-    if (const auto eq = line.find('='); eq != std::string::npos)
-      values[line.substr(0, eq)] = std::atoi(line.c_str() + eq + 1);
-  }
-  if (!values.contains("WIDTH") || !values.contains("HEIGHT")) return std::nullopt;
-  return std::make_pair(values["WIDTH"], values["HEIGHT"]);
 }
 
 bool XvfbDisplay::click(const std::string& window, int x, int y) const {

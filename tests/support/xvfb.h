@@ -43,8 +43,6 @@ class XvfbDisplay {
   std::optional<std::string> waitForWindow(const std::string& title,
                                            std::chrono::milliseconds timeout,
                                            pid_t owner = 0) const;
-  // Width and height of a window, as the X server reports them.
-  std::optional<std::pair<int, int>> windowSize(const std::string& window) const;
   bool click(const std::string& window, int x, int y) const;
   bool key(const std::string& window, const std::string& keyName) const;
   // Asks the window to close the way a window manager's close button does (WM_DELETE_WINDOW).
