@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tests/support/release_builder.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 #include "update/updater.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;

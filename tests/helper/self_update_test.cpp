@@ -11,7 +11,7 @@
 #include "tests/support/nginx_server.h"
 #include "tests/support/process.h"
 #include "tests/support/release_builder.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 #include "tests/support/xvfb.h"
 
 namespace fs = std::filesystem;

@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 namespace th::test {
 

@@ -4,7 +4,7 @@
 
 #include "launcher/screen.h"
 #include "tests/launcher/screen_probe.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 namespace th::test {
 namespace {

@@ -4,7 +4,7 @@
 #include "launcher/patch_notes.h"
 #include "launcher/text_wrap.h"
 #include "launcher/version_marker.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 namespace th::test {
 namespace {

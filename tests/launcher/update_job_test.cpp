@@ -3,7 +3,7 @@
 
 #include "launcher/update_job.h"
 #include "tests/launcher/launcher_install.h"
-#include "tests/support/folder_snapshot.h"
+#include "tests/support/files.h"
 #include "tests/support/nginx_server.h"
 #include "tests/support/release_builder.h"
 

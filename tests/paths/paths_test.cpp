@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 namespace th::test {
 namespace {

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "tests/support/files.h"
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
 
 namespace th::test {
 

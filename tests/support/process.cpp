@@ -8,7 +8,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 extern char** environ;
 

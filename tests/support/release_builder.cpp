@@ -7,8 +7,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "tests/support/digest.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 namespace th::test {
 namespace {

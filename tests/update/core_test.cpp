@@ -1,8 +1,7 @@
 // Versions, safe paths, text files and hashing: the engine's pure pieces.
 #include <gtest/gtest.h>
 
-#include "tests/support/digest.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 #include "update/safe_path.h"
 #include "update/signature.h"
 #include "update/text_file.h"

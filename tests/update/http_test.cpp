@@ -8,7 +8,7 @@
 
 #include "tests/support/nginx_server.h"
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 
 namespace th::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tests/support/release_builder.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/files.h"
 #include "update/signature.h"
 
 #if !defined(TH_SIGNING_PRIVATE_KEY) || !defined(TH_SIGNING_PUBLIC_KEY) || \

@@ -6,11 +6,9 @@
 
 #include <functional>
 
-#include "tests/support/digest.h"
-#include "tests/support/folder_snapshot.h"
+#include "tests/support/files.h"
 #include "tests/support/nginx_server.h"
 #include "tests/support/release_builder.h"
-#include "tests/support/temp_dir.h"
 
 namespace th::test {
 namespace {
