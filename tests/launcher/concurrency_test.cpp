@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "launcher/update_job.h"
-#include "tests/support/process.h"
 #include "tests/support/files.h"
+#include "tests/support/process.h"
 
 namespace th::test {
 namespace {

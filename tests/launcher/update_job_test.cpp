@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "launcher/update_job.h"
-#include "tests/launcher/launcher_install.h"
 #include "tests/support/files.h"
 #include "tests/support/nginx_server.h"
 #include "tests/support/release_builder.h"
@@ -10,88 +9,53 @@
 namespace th::test {
 namespace {
 
-struct Expected {
-  JobState state;
-  std::string status, detail;
-  bool updateAvailable, updateRequired;
-};
-
-class UpdateJob : public ::testing::Test {
- protected:
-  // Serves the release from a fresh nginx, runs the whole job on this thread as beginUpdateJob
-  // would, and compares the record it leaves.
-  Snapshot run(const Release& release, const std::string& marker, const Expected& expected,
-               const std::function<void(const std::filesystem::path& served)>& tamper = {}) {
-    TempDir www;
-    publishRelease(www.path(), release);
-    if (tamper) tamper(channelFolder(www.path()));
+// Each row serves one release of "data/world.pak", runs the whole job on this thread as
+// beginUpdateJob would, and compares the record it leaves and what it changed in the install.
+TEST(UpdateJob, EndsInThePhaseTheReleaseAndTheInstallCallFor) {
+  const struct {
+    std::string name, version, minimum, marker;
+    bool mandatory, current, tampered;  // current: the install already holds the release's file
+    JobState state;
+    std::string status, detail;
+    bool available, required, changes;
+  } table[] = {
+      {"a downgrade is never applied, not even a mandatory one", "1.9.9", "", "2.0.0\n", true,
+       false, false, JobState::Ready, "READY TO PLAY",
+       "INSTALLED 2.0.0 // SERVER 1.9.9 // DOWNGRADE BLOCKED", false, false, false},
+      // No marker: the install counts as 0.16.117. The served file is not the one signed for.
+      {"failed apply below the minimum online version", "0.18.0", "0.17.0", "", false, false, true,
+       JobState::Failed, "UPDATE FAILED - TRY AGAIN", "download_hash_mismatch:data/world.pak", true,
+       true, false},
+      {"failed apply at the minimum online version", "0.18.0", "0.16.117", "", false, false, true,
+       JobState::Failed, "UPDATE FAILED - TRY AGAIN", "download_hash_mismatch:data/world.pak", true,
+       false, false},
+      {"files current, marker stale", "1.3.0", "", "1.2.0\n", false, true, false, JobState::Failed,
+       "VERSION MARKER UPDATE FAILED", "EXPECTED 1.3.0 // FOUND 1.2.0", true, false, false},
+      {"an update", "1.3.0", "", "1.2.0\n", false, false, false, JobState::Ready, "READY TO PLAY",
+       "INSTALLED VERSION 1.3.0", false, false, true},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.name);
+    TempDir www, install;
+    publishRelease(www.path(),
+                   Release{row.version, {{"data/world.pak", "world"}}, row.mandatory, row.minimum});
+    if (row.tampered) writeBytes(channelFolder(www.path()) / "files/data/world.pak", "WORLD");
     NginxServer server(www.path());
-    EXPECT_TRUE(server.ok()) << server.errorLog();
-    prepareInstall(install.path(), server.url(), marker);
+    ASSERT_TRUE(server.ok()) << server.errorLog();
+    prepareInstall(install.path(), server.url(), row.marker);
+    if (row.current) writeBytes(install / "data" / "world.pak", "world");
     const FolderSnapshot before = installSnapshot(install.path());
     Shared shared;
     shared.busy = true;
     runUpdateJob(shared, install.path(), "stable", false, false);
     const Snapshot s = snapshot(shared);
-    EXPECT_EQ(s.state, expected.state);
-    EXPECT_EQ(s.status, expected.status);
-    EXPECT_EQ(s.detail, expected.detail);
-    EXPECT_EQ(s.updateAvailable, expected.updateAvailable);
-    EXPECT_EQ(s.updateRequired, expected.updateRequired);
-    downloads = server.accessLog().find("/files/") != std::string::npos;
-    changes = snapshotDiff(before, installSnapshot(install.path()));
-    return s;
+    EXPECT_EQ(s.state, row.state);
+    EXPECT_EQ(s.status + " / " + s.detail, row.status + " / " + row.detail);
+    EXPECT_EQ(s.updateAvailable, row.available);
+    EXPECT_EQ(s.updateRequired, row.required);
+    EXPECT_FALSE(s.busy);
+    EXPECT_EQ(snapshotDiff(before, installSnapshot(install.path())).empty(), !row.changes);
   }
-
-  TempDir install;
-  bool downloads = false;
-  std::string changes;  // what the job changed in the install folder
-};
-
-Release world(const std::string& version) {
-  Release release;
-  release.version = version;
-  release.files = {{"data/world.pak", "world"}};
-  return release;
-}
-
-TEST_F(UpdateJob, NeverAppliesADowngradeNotEvenAMandatoryOne) {
-  Release release = world("1.9.9");
-  release.mandatory = true;
-  run(release, "2.0.0\n",
-      {JobState::Ready, "READY TO PLAY", "INSTALLED 2.0.0 // SERVER 1.9.9 // DOWNGRADE BLOCKED",
-       false, false});
-  EXPECT_FALSE(downloads);
-  EXPECT_EQ(changes, "");
-}
-
-TEST_F(UpdateJob, AMandatoryReleaseLocksACurrentInstall) {
-  Release release = world("1.3.0");
-  release.mandatory = true;
-  writeBytes(install / "data" / "world.pak", "world");
-  run(release, "1.3.0", {JobState::Ready, "READY TO PLAY", "VERSION 1.3.0 // stable", false, true});
-}
-
-TEST_F(UpdateJob, AFailedApplyLocksBelowTheMinimumOnlineVersionAndChangesNothing) {
-  for (const auto& [minimum, required] : std::vector<std::pair<std::string, bool>>{
-           {"0.17.0", true}, {"0.16.117", false}, {"", false}}) {
-    SCOPED_TRACE(minimum);
-    Release release = world("0.18.0");
-    release.minimumOnlineVersion = minimum;
-    // No marker: the install counts as 0.16.117. The served file is not the one signed for.
-    run(release, "",
-        {JobState::Failed, "UPDATE FAILED - TRY AGAIN", "download_hash_mismatch:data/world.pak",
-         true, required},
-        [](const auto& served) { writeBytes(served / "files/data/world.pak", "WORLD"); });
-    EXPECT_EQ(changes, "");
-  }
-}
-
-TEST_F(UpdateJob, AnUnchangedMarkerAfterApplyIsAFailureOfItsOwn) {
-  writeBytes(install / "data" / "world.pak", "world");
-  run(world("1.3.0"), "1.2.0\n",
-      {JobState::Failed, "VERSION MARKER UPDATE FAILED", "EXPECTED 1.3.0 // FOUND 1.2.0", true,
-       false});
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
-// The real launcher, as a player meets it: a scratch install folder, a real nginx serving a
-// signed release, the window under Xvfb read from screenshots and driven with xdotool.
+// The real launcher, as a player meets it: a copy of the development-key launcher in a scratch
+// install, a real nginx serving a signed release, the window under Xvfb read from screenshots and
+// driven with xdotool. The recorder program stands in for the game and the update helper.
 #include <gtest/gtest.h>
 
-#include "tests/launcher/launcher_install.h"
+#include <sstream>
+
 #include "tests/launcher/screen_probe.h"
 #include "tests/support/nginx_server.h"
 #include "tests/support/release_builder.h"
@@ -11,37 +13,68 @@
 namespace th::test {
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
 
 constexpr const char* kTitle = "Tarn Hollow Launcher";
 constexpr std::pair<int, int> kPlay{850, 546}, kRefresh{917, 473};
 
 class Launcher : public ::testing::Test {
  protected:
-  // Serves the release from a real nginx and points the install at it.
-  void serve(Release release, const std::optional<std::string>& marker = std::nullopt) {
-    publishRelease(www.path(), release);
-    server = std::make_unique<NginxServer>(www.path());
+  void SetUp() override {
+    const fs::path icon = "assets/launcher/tarn_hollow_launcher.png";
+    fs::create_directories((root / icon).parent_path());
+    fs::copy_file(TH_LAUNCHER_DEVKEY, root / "tarn-hollow-launcher");
+    fs::copy_file(fs::path(TH_LAUNCHER_DEVKEY).parent_path() / icon, root / icon);
+  }
+
+  // Serves a 1.3.0 release from a real nginx and points the install at it.
+  void serve(std::vector<ReleaseFile> files, bool mandatory = false,
+             const std::optional<std::string>& marker = std::nullopt) {
+    publishRelease(scratch / "www", Release{"1.3.0", std::move(files), mandatory, ""});
+    server = std::make_unique<NginxServer>(scratch / "www");
     ASSERT_TRUE(server->ok()) << server->errorLog();
-    prepareInstall(install.root, server->url(), marker);
+    prepareInstall(root, server->url(), marker);
+  }
+
+  // The program (game or helper) that the recorder replaces, and what it recorded once it ran:
+  // "pid=...", "cwd=...", then "arg=..." for each argument.
+  void record(const std::string& program) { fs::copy_file(TH_RECORDER, root / program); }
+  Lines recorded() const {
+    Lines lines;
+    waitUntil([&] { return fs::exists(scratch / "started.txt"); }, 20s);
+    std::istringstream in(readBytes(scratch / "started.txt"));
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+
+  ProcessOptions options() const {
+    ProcessOptions options;
+    options.env["XDG_DATA_HOME"] = (scratch / "xdg").string();
+    options.env["TH_RECORD_FILE"] = (scratch / "started.txt").string();
+    options.workDir = root;
+    return display.optionsFor(options);
   }
 
   void start() {
     ASSERT_TRUE(display.ok());
-    launcher = std::make_unique<ChildProcess>(std::vector<std::string>{install.launcher.string()},
-                                              display.optionsFor(install.options()));
+    launcher =
+        std::make_unique<ChildProcess>(Lines{(root / "tarn-hollow-launcher").string()}, options());
     const auto found = display.waitForWindow(kTitle, 20s, launcher->pid());
     ASSERT_TRUE(found) << launcher->err();
     window = *found;
   }
 
   // Polls screenshots until one shows the status line in its colour (and `also` holds); that
-  // one is kept in `screen`.
+  // one is kept in `screen`. SDL may replace the window it first maps while it sets up the
+  // renderer, so the launcher's visible window is looked up again before each screenshot.
   bool waitForStatus(const std::string& status, Rgb colour,
                      const std::function<bool(const Image&)>& also = {}) {
     return waitUntil(
         [&] {
-          followWindow();
+          if (const auto current = display.waitForWindow(kTitle, 2s, launcher->pid()))
+            window = *current;
           const auto shot = display.screenshot(window);
           if (shot) screen = *shot;
           return shot && showsText(screen, 720, 118, status, 1.02f, colour) &&
@@ -50,78 +83,60 @@ class Launcher : public ::testing::Test {
         90s);
   }
 
-  // SDL may replace the window it first maps while it sets up the renderer, so the launcher's
-  // visible window is looked up again before each look at the screen.
-  void followWindow() {
-    if (const auto current = display.waitForWindow(kTitle, 2s, launcher->pid())) window = *current;
-  }
-
   bool click(std::pair<int, int> point) { return display.click(window, point.first, point.second); }
 
   XvfbDisplay display;
-  LauncherInstall install;
-  TempDir www;
+  TempDir scratch;
+  fs::path root = scratch / "game";
   std::unique_ptr<NginxServer> server;
   std::unique_ptr<ChildProcess> launcher;
   std::string window;
   Image screen;
 };
 
-Release version130(std::vector<ReleaseFile> files) {
-  Release release;
-  release.version = "1.3.0";
-  release.files = std::move(files);
-  return release;
-}
-
-TEST(LauncherWithoutDisplay, ExitsWithOneAndSaysNothingWhenVideoCannotStart) {
-  LauncherInstall install;
-  ProcessOptions options = install.options();
-  options.env["SDL_VIDEO_DRIVER"] = "no-such-video-driver";
-  const ProcessResult r = runProcess({install.launcher.string()}, options);
+TEST_F(Launcher, ExitsWithOneAndSaysNothingWhenVideoCannotStart) {
+  ProcessOptions noVideo = options();
+  noVideo.env["SDL_VIDEO_DRIVER"] = "no-such-video-driver";
+  const ProcessResult r = runProcess({(root / "tarn-hollow-launcher").string()}, noVideo);
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(r.out + r.err, "");
 }
 
 // The game is started as a child of its own, in the install folder, and the launcher closes.
 TEST_F(Launcher, WithoutAServerShowsWhyThenPlayReportsAMissingGameAndReturnStartsIt) {
-  prepareInstall(install.root, std::nullopt);
+  prepareInstall(root, std::nullopt);
   start();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
   EXPECT_EQ(std::make_pair(screen.width, screen.height), std::make_pair(1040, 640));
   ASSERT_TRUE(click(kPlay));
   ASSERT_TRUE(waitForStatus("GAME EXECUTABLE MISSING", kStatusFailed));
-  Recording::installAt(install.root / "tarn-hollow");
+  record("tarn-hollow");
   ASSERT_TRUE(display.key(window, "Return"));
   EXPECT_EQ(launcher->wait(20s), 0);
-  const auto lines = install.recording.lines();
-  EXPECT_EQ(lines, (std::vector<std::string>{
-                       lines.at(0), "cwd=" + std::filesystem::canonical(install.root).string(),
-                       "arg=tarn-hollow"}));
+  const Lines lines = recorded();
+  EXPECT_EQ(lines, (Lines{lines.at(0), "cwd=" + fs::canonical(root).string(), "arg=tarn-hollow"}));
   EXPECT_NE(lines.at(0), "pid=" + std::to_string(launcher->pid()));
   EXPECT_EQ(launcher->out() + launcher->err(), "");
 }
 
 TEST_F(Launcher, AFreshInstallUpdatesAndEndsReadyToPlay) {
-  serve(version130(
-      {{"tarn-hollow", "#!/bin/sh\n", true}, {"data/world.pak", std::string(400000, 'w')}}));
+  serve({{"tarn-hollow", "#!/bin/sh\n", true}, {"data/world.pak", std::string(400000, 'w')}});
   start();
   ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal));
   EXPECT_TRUE(showsText(screen, 720, 154, "INSTALLED VERSION 1.3.0", 0.72f, kDetail));
   EXPECT_TRUE(showsText(screen, 720, 342, "UPDATE 100%", 0.82f, kBarLabel));
   EXPECT_EQ(countColour(screen, 700, 327, 1000, 328, kBarFill), 260);
-  EXPECT_EQ(readBytes(install.root / "data" / "game_version"), "1.3.0\n");
-  EXPECT_EQ(readBytes(install.root / "data" / "world.pak"), std::string(400000, 'w'));
+  EXPECT_EQ(readBytes(root / "data" / "game_version"), "1.3.0\n");
+  EXPECT_EQ(readBytes(root / "data" / "world.pak"), std::string(400000, 'w'));
 }
 
-TEST_F(Launcher, AMandatoryReleaseKeepsTheGameLockedEvenWhenCurrent) {
-  Release locked = version130({{"data/world.pak", "world"}});
-  locked.mandatory = true;
-  serve(locked, "1.3.0\n");
-  writeBytes(install.root / "data" / "world.pak", "world");
-  Recording::installAt(install.root / "tarn-hollow");
+TEST_F(Launcher, AMandatoryReleaseKeepsTheGameLockedEvenWhenCurrentAndClosesCleanly) {
+  serve({{"data/world.pak", "world"}}, true, "1.3.0\n");
+  writeBytes(root / "data" / "world.pak", "world");
+  record("tarn-hollow");
   start();
   ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal));
+  EXPECT_TRUE(showsText(screen, 720, 154, "VERSION 1.3.0 // stable", 0.72f, kDetail));
   EXPECT_EQ(screen.at(722, 517), kRequiredBox);
   EXPECT_TRUE(showsText(screen, 750, 535, "UPDATE REQUIRED", 1.25f, {255, 230, 216}));
   // Input is handled in order: once the refresh has reached the server and ended, Return and
@@ -136,29 +151,27 @@ TEST_F(Launcher, AMandatoryReleaseKeepsTheGameLockedEvenWhenCurrent) {
   ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal, [](const Image& image) {
     return showsText(image, 870, 466, "REFRESH", 0.95f, kSmallLabel);
   }));
-  EXPECT_FALSE(std::filesystem::exists(install.recording.file));
+  EXPECT_FALSE(fs::exists(scratch / "started.txt"));
   ASSERT_TRUE(display.requestClose(window));
   EXPECT_EQ(launcher->wait(20s), 0);
 }
 
 TEST_F(Launcher, ANewLauncherInTheReleaseIsHandedToTheUpdateHelper) {
-  serve(version130(
-      {{"tarn-hollow-launcher", "a newer launcher build\n", true}, {"data/world.pak", "world"}}));
-  Recording::installAt(install.root / "tarn-hollow-update-helper");
-  const std::string runningLauncher = readBytes(install.launcher);
+  serve({{"tarn-hollow-launcher", "a newer launcher build\n", true}, {"data/world.pak", "w"}});
+  record("tarn-hollow-update-helper");
+  const std::string running = readBytes(root / "tarn-hollow-launcher");
   start();
   EXPECT_EQ(launcher->wait(90s), 0);
-  const auto lines = install.recording.lines();
+  const Lines lines = recorded();
   ASSERT_EQ(lines.size(), 11u);
-  const std::string target = install.launcher.string(), staged = lines[6].substr(4);
+  const std::string target = (root / "tarn-hollow-launcher").string(), staged = lines[6].substr(4);
   EXPECT_NE(lines[0], "pid=" + std::to_string(launcher->pid()));  // a new process, not this one
-  EXPECT_EQ(lines, (std::vector<std::string>{
-                       lines[0], "cwd=" + std::filesystem::canonical(install.root).string(),
-                       "arg=tarn-hollow-update-helper", "arg=--wait-pid",
-                       "arg=" + lines[0].substr(4), "arg=--replace", "arg=" + staged,
-                       "arg=--target", "arg=" + target, "arg=--relaunch", "arg=" + target}));
+  EXPECT_EQ(lines,
+            (Lines{lines[0], "cwd=" + fs::canonical(root).string(), "arg=tarn-hollow-update-helper",
+                   "arg=--wait-pid", "arg=" + lines[0].substr(4), "arg=--replace", "arg=" + staged,
+                   "arg=--target", "arg=" + target, "arg=--relaunch", "arg=" + target}));
   EXPECT_EQ(readBytes(staged), "a newer launcher build\n");
-  EXPECT_EQ(readBytes(install.launcher), runningLauncher);
+  EXPECT_EQ(readBytes(root / "tarn-hollow-launcher"), running);
 }
 
 }  // namespace

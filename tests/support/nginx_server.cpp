@@ -42,8 +42,7 @@ http {
 }
 )";
 
-}  // namespace
-
+// A port of 127.0.0.1 that was free a moment ago (bound to port 0, then released); 0 on failure.
 int freeLocalPort() {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address = loopback(0);
@@ -56,6 +55,8 @@ int freeLocalPort() {
   close(fd);
   return port;
 }
+
+}  // namespace
 
 NginxServer::NginxServer(const std::filesystem::path& documentRoot,
                          const std::string& extraServerConfig) {

@@ -25,7 +25,6 @@ class NginxServer {
 
   // True once nginx accepts connections; false when it could not be started (see errorLog()).
   bool ok() const { return process_ != nullptr; }
-  int port() const { return port_; }
   std::string url() const;  // "http://127.0.0.1:PORT", no trailing slash
   // One line per request: `METHOD URI STATUS "USER-AGENT"`. nginx writes a line only after the
   // response has gone out, so this waits (up to 10 s) until at least `requests` lines are there.
@@ -39,8 +38,5 @@ class NginxServer {
   int port_ = 0;
   std::unique_ptr<ChildProcess> process_;
 };
-
-// A port of 127.0.0.1 that was free a moment ago (bound to port 0, then released); 0 on failure.
-int freeLocalPort();
 
 }  // namespace th::test

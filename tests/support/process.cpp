@@ -104,8 +104,7 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
   ChildProcess child(argv, options);
   ProcessResult result;
   result.exitCode = child.wait(options.timeout).value_or(-1);
-  result.timedOut = child.running();
-  if (result.timedOut) {
+  if (child.running()) {
     child.kill(SIGKILL);
     child.wait(std::chrono::seconds(10));
   }

@@ -21,7 +21,6 @@ struct ProcessOptions {
 
 struct ProcessResult {
   int exitCode = -1;  // -1 when killed by a signal or the time-out
-  bool timedOut = false;
   std::string out;
   std::string err;
 };
