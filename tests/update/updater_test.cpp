@@ -127,55 +127,42 @@ TEST_F(Updater, RefusesWithoutAnyRequestWhenThereIsNothingToAsk) {
   EXPECT_EQ(nginx.accessLog(), "");
 }
 
-TEST_F(Updater, InstallsAFreshReleaseThenOnlyWhatChanged) {
-  const Release release = fiveFiles();
+// A new launcher is left staged for the update helper when the caller takes it, and discarded
+// with the staging folder when it does not.
+TEST_F(Updater, InstallsAFreshReleaseThenOnlyWhatChangedLeavingTheLauncherStaged) {
+  Release release = fiveFiles();
+  release.files.push_back({"bin/" + kLauncher, "launcher 2.0", true});
   publishRelease(www.path(), release);
   const UpdatePlan plan = checked();
   std::vector<std::pair<size_t, size_t>> progress;
+  fs::path staged;
   std::string error;
   ASSERT_TRUE(updater.apply(
-      plan, [&](size_t done, size_t total) { progress.emplace_back(done, total); }, error, nullptr))
+      plan, [&](size_t done, size_t total) { progress.emplace_back(done, total); }, error, &staged))
       << error;
+  release.files.pop_back();
   for (const ReleaseFile& file : release.files) {
     EXPECT_EQ(readBytes(install / file.path), file.bytes) << file.path;
-    EXPECT_EQ(fs::status(install / file.path).permissions() & fs::perms::all,
-              fs::perms(file.executable ? 0755 : 0644))
-        << file.path;
+    EXPECT_EQ(fileMode(install / file.path), file.executable ? 0755u : 0644u) << file.path;
   }
+  EXPECT_FALSE(fs::exists(install / "bin" / kLauncher));
+  EXPECT_EQ(staged.parent_path().parent_path().parent_path(), install / ".tarnhollow-update");
+  EXPECT_EQ(readBytes(staged), "launcher 2.0");
   EXPECT_EQ(readBytes(install / "data" / "game_version"), "2.0.0\n");
   EXPECT_EQ(readBytes(install / "save" / "profile_v07.sav"), "the player's progress");
-  EXPECT_EQ(workEntries("stage-"), "");
   ASSERT_FALSE(progress.empty());
   for (const auto& [done, total] : progress) EXPECT_EQ(total, plan.totalBytes);
   EXPECT_EQ(progress.back(), std::make_pair(plan.totalBytes, plan.totalBytes));
 
   writeBytes(install / "data" / "forest.map", "forest 1.0");
   fs::remove(install / "data" / "extra" / "d.bin");
+  const std::string kept = workEntries("stage-");
   ASSERT_TRUE(updater.apply(checked(), {}, error, nullptr)) << error;
   EXPECT_EQ(readBytes(install / "data" / "forest.map"), "forest 2.0");
   EXPECT_EQ(readBytes(install / "data" / "extra" / "d.bin"), "d 2.0");
-  const std::string log = nginx.accessLog(11);  // 2 x (manifest, signature), 5 + 2 files
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 11) << log;
-}
-
-TEST_F(Updater, LeavesANewLauncherStagedForTheHelperOrDiscardsIt) {
-  Release release = fiveFiles();
-  release.files = {{"bin/" + kLauncher, "launcher 2.0", true}};
-  writeBytes(install / "bin" / kLauncher, "launcher 1.0");
-  publishRelease(www.path(), release);
-  const UpdatePlan plan = checked();
-  fs::path staged;
-  std::string error;
-  ASSERT_TRUE(updater.apply(plan, {}, error, &staged)) << error;
-  EXPECT_EQ(staged.parent_path().parent_path().parent_path(), install / ".tarnhollow-update");
-  EXPECT_EQ(readBytes(staged), "launcher 2.0");
-  EXPECT_EQ(readBytes(install / "bin" / kLauncher), "launcher 1.0");
-  EXPECT_EQ(readBytes(install / "data" / "game_version"), "2.0.0\n");
-
-  fs::remove_all(install / ".tarnhollow-update");
-  ASSERT_TRUE(updater.apply(plan, {}, error, nullptr)) << error;
-  EXPECT_EQ(workEntries("stage-"), "");
-  EXPECT_EQ(readBytes(install / "bin" / kLauncher), "launcher 1.0");
+  EXPECT_EQ(workEntries("stage-"), kept);
+  const std::string log = nginx.accessLog(13);  // 2 x (manifest, signature), 6 + 3 files
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 13) << log;
 }
 
 // Whatever the server does wrong, the install stays byte for byte as it was. The release
