@@ -9,6 +9,7 @@ using update::Manifest;
 using update::parseManifest;
 
 const std::string kZero = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+const std::string kSome = "5d41c0e7a09e3a4b6f28c1d9e7b05f3a2c8d4e6f1a0b9c7d3e5f2a4b6c8d0e1f";
 const std::string kHeader =
     R"("product": "tarn-hollow", "platform": "linux", "version": "1", "channel": "stable")";
 
@@ -30,34 +31,6 @@ std::string describe(const Manifest& m) {
             std::to_string(f.size) + (f.executable ? ",x" : "");
   }
   return text;
-}
-
-TEST(ParseManifest, ReadsTheSampleManifestReplacingThePreviousRecord) {
-  const std::string text = R"({
-  "format": 1,
-  "product": "tarn-hollow",
-  "channel": "stable",
-  "platform": "linux",
-  "version": "1.4.2",
-  "protocol_version": 3,
-  "minimum_online_version": "1.4.0",
-  "mandatory": false,
-  "release_notes": "Faster loading.\nFixed a crash when leaving a match.",
-  "files": [
-    { "path": "tarn-hollow", "sha256": "5d41c0e7a09e3a4b6f28c1d9e7b05f3a2c8d4e6f1a0b9c7d3e5f2a4b6c8d0e1f", "size": 48211968, "executable": true },
-    { "path": "data/empty.flag", "sha256": "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855", "size": 0 }
-  ]
-})";
-  Manifest out;
-  out.files.resize(5);
-  std::string error = "untouched";
-  ASSERT_TRUE(parseManifest(text, out, error));
-  EXPECT_EQ(error, "untouched");
-  EXPECT_EQ(describe(out),
-            "1|tarn-hollow|stable|linux|1.4.2|3|1.4.0|-|Faster loading.\nFixed a crash when "
-            "leaving a match.|tarn-hollow,"
-            "5d41c0e7a09e3a4b6f28c1d9e7b05f3a2c8d4e6f1a0b9c7d3e5f2a4b6c8d0e1f,48211968,x|"
-            "data/empty.flag,0");
 }
 
 TEST(ParseManifest, RejectsWithTheFirstFailingCheckAndLeavesOutputAlone) {
@@ -98,6 +71,14 @@ TEST(ParseManifest, ReadsFieldsByTextSearchWithItsQuirks) {
   const struct {
     std::string header, files, expected;
   } table[] = {
+      {R"("format": 1, "product": "tarn-hollow", "channel": "stable", "platform": "linux",
+         "version": "1.4.2", "protocol_version": 3, "minimum_online_version": "1.4.0",
+         "mandatory": false, "release_notes": "Faster loading.\nFixed a crash.")",
+       R"([{ "path": "tarn-hollow", "sha256": ")" + kSome + R"(", "size": 48211968,
+             "executable": true }, )" +
+           entry("data/empty.flag", R"(, "size": 0)") + "]",
+       "1|tarn-hollow|stable|linux|1.4.2|3|1.4.0|-|Faster loading.\nFixed a crash.|tarn-hollow," +
+           kSome + ",48211968,x|data/empty.flag,0"},
       {R"("format": "1", )" + rest, "[" + entry("a") + "]", plain + "|a,0"},
       {R"("format": 4294967297, "protocol_version": 4294967299, )" + rest, "[" + entry("a") + "]",
        "1|tarn-hollow||linux|1|3||-||a,0"},
@@ -130,8 +111,10 @@ TEST(ParseManifest, ReadsFieldsByTextSearchWithItsQuirks) {
   };
   for (const auto& row : table) {
     Manifest out;
-    std::string error;
+    out.files.resize(3);  // replaced, not appended to
+    std::string error = "untouched";
     EXPECT_TRUE(parseManifest(manifest(row.header, row.files), out, error)) << error << row.files;
+    EXPECT_EQ(error, "untouched");
     EXPECT_EQ(describe(out), row.expected) << row.header << row.files;
   }
   // An unterminated string yields what was read; the colon may stand anywhere later.
