@@ -8,10 +8,10 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/support/files.h"
 #include "tests/support/nginx_server.h"
 #include "tests/support/process.h"
 #include "tests/support/release_builder.h"
-#include "tests/support/files.h"
 #include "tests/support/xvfb.h"
 
 namespace fs = std::filesystem;
@@ -72,7 +72,13 @@ TEST(SelfUpdate, TheLauncherHandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt)
       },
       30s))
       << "the new launcher checks again: " << nginx.accessLog();
-  display.requestClose(*relaunched);
+  // SDL may have replaced the window it mapped first: close whichever one is shown now.
+  EXPECT_TRUE(th::test::waitUntil(
+      [&] {
+        const auto shown = display.waitForWindow("Tarn Hollow Launcher", 2s);
+        return shown && display.requestClose(*shown);
+      },
+      30s));
 }
 
 }  // namespace

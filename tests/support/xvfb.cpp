@@ -103,6 +103,11 @@ bool XvfbDisplay::key(const std::string& window, const std::string& keyName) con
 }
 
 bool XvfbDisplay::requestClose(const std::string& window) const {
+  // A window that has just gone (SDL replaces its first one) must fail the call, not end the
+  // test program, which is what Xlib's default error handler does.
+  static bool failed;
+  failed = false;
+  XSetErrorHandler([](Display*, XErrorEvent*) { return (failed = true), 0; });
   std::unique_ptr<Display, DisplayCloser> display(XOpenDisplay(name_.c_str()));
   if (!display) return false;
   XEvent event;
@@ -115,8 +120,8 @@ bool XvfbDisplay::requestClose(const std::string& window) const {
       static_cast<long>(XInternAtom(display.get(), "WM_DELETE_WINDOW", False));
   event.xclient.data.l[1] = CurrentTime;
   const Status sent = XSendEvent(display.get(), event.xclient.window, False, NoEventMask, &event);
-  XFlush(display.get());
-  return sent != 0;
+  XSync(display.get(), False);
+  return sent != 0 && !failed;
 }
 
 std::optional<Image> XvfbDisplay::screenshot(const std::string& window) const {
