@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/process.h"
 #include "tests/support/files.h"
+#include "tests/support/process.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -34,27 +34,6 @@ struct Install {
   }
   std::string log() const { return readBytes(work / "helper.log"); }
 };
-
-TEST(UpdateHelper, WaitsForTheLauncherThenReplacesRelaunchesAndRemovesTheStagingFolder) {
-  Install install;
-  fs::copy_file(TH_FAKE_LAUNCHER, install.launcher);
-  const std::string oldLauncher = readBytes(install.launcher);
-
-  th::test::ChildProcess launcher({install.launcher.string(), install.staged.string()});
-  ASSERT_EQ(launcher.wait(60s), 0) << launcher.err();
-
-  const fs::path relaunched = install.root / "relaunched.txt";
-  ASSERT_TRUE(th::test::waitUntil([&] { return !readBytes(relaunched).empty(); }, 60s))
-      << install.log();
-  EXPECT_EQ(readBytes(install.launcher), kNewLauncher);
-  EXPECT_EQ(th::test::fileMode(install.launcher), 0755u);
-  EXPECT_FALSE(fs::exists(install.stage));
-  EXPECT_EQ(readBytes(install.work / "backup-1700000000123" / "tarn-hollow-launcher"), oldLauncher);
-  EXPECT_EQ(readBytes(relaunched), fs::canonical(install.root).string() + "\n");
-  // The helper waited for the process that started it, the launcher, to end.
-  const std::string parent = "launcher (parent " + std::to_string(launcher.pid()) + ")";
-  EXPECT_NE(install.log().find("waiting for " + parent + " to exit\n"), std::string::npos);
-}
 
 // A staged file on another file system (renaming from it fails with EXDEV, also for root) and a
 // staged folder instead of a file: either way the old launcher stays and nothing is relaunched.

@@ -1,12 +1,9 @@
 // A whole self-update with real parts: a release holding a new launcher, published with the
 // studio's tool and served by nginx; the real launcher under Xvfb stages it, hands it to the
-// real helper and quits; the helper swaps it in and starts it, and the new launcher finds the
-// install current.
+// real helper and quits; the helper waits for it, swaps the new file in, keeps the old one with
+// the update's backups, starts it, and the new launcher finds the install current.
 
 #include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
 
 #include "tests/support/files.h"
 #include "tests/support/nginx_server.h"
@@ -14,66 +11,77 @@
 #include "tests/support/release_builder.h"
 #include "tests/support/xvfb.h"
 
+namespace th::test {
+namespace {
+
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using th::test::readBytes;
-using th::test::writeBytes;
-
-namespace {
 
 // Copies the files of a launcher install (launcher, helper, icon) into `folder`.
 void layOutLauncher(const fs::path& folder) {
-  const fs::path built = TH_LAUNCHER_DEVKEY;
-  fs::create_directories(folder / "assets" / "launcher");
+  const fs::path built = TH_LAUNCHER_DEVKEY, icon = "assets/launcher/tarn_hollow_launcher.png";
+  fs::create_directories((folder / icon).parent_path());
   fs::copy_file(built, folder / "tarn-hollow-launcher");
   fs::copy_file(TH_UPDATE_HELPER, folder / "tarn-hollow-update-helper");
-  fs::copy_file(built.parent_path() / "assets" / "launcher" / "tarn_hollow_launcher.png",
-                folder / "assets" / "launcher" / "tarn_hollow_launcher.png");
+  fs::copy_file(built.parent_path() / icon, folder / icon);
 }
 
 TEST(SelfUpdate, TheLauncherHandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
-  th::test::TempDir scratch;
+  TempDir scratch;
   const fs::path install = scratch / "game", release = scratch / "release";
+  const fs::path work = install / ".tarnhollow-update";
   layOutLauncher(install);
   layOutLauncher(release);
   // The next launcher: the same program with bytes appended, which an ELF loader ignores.
-  const std::string successor = readBytes(release / "tarn-hollow-launcher") + "launcher 1.0.1";
+  const std::string running = readBytes(install / "tarn-hollow-launcher");
+  const std::string successor = running + "launcher 1.0.1";
   writeBytes(release / "tarn-hollow-launcher", successor);
   writeBytes(release / "tarn-hollow", "#!/bin/sh\n");
-  const auto published = th::test::runProcess(
-      {TH_PUBLISH_DEVKEY, "release", "--from", release.string(), "--version", "1.0.1", "--key",
-       TH_DEV_PRIVATE_KEY, "--server-root", (scratch / "server").string()});
+  const auto published =
+      runProcess({TH_PUBLISH_DEVKEY, "release", "--from", release.string(), "--version", "1.0.1",
+                  "--key", TH_DEV_PRIVATE_KEY, "--server-root", (scratch / "server").string()});
   ASSERT_EQ(published.exitCode, 0) << published.err;
-  th::test::NginxServer nginx(scratch / "server");
+  NginxServer nginx(scratch / "server");
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
-  th::test::prepareInstall(install, nginx.url(), "1.0.0\n");
-  th::test::XvfbDisplay display;
+  prepareInstall(install, nginx.url(), "1.0.0\n");
+  XvfbDisplay display;
   ASSERT_TRUE(display.ok());
-  th::test::ProcessOptions options;
+  ProcessOptions options;
   options.env["XDG_DATA_HOME"] = (scratch / "xdg").string();
   options.workDir = install;
 
-  th::test::ChildProcess launcher({(install / "tarn-hollow-launcher").string()},
-                                  display.optionsFor(options));
+  ChildProcess launcher({(install / "tarn-hollow-launcher").string()}, display.optionsFor(options));
 
   EXPECT_EQ(launcher.wait(90s), 0) << launcher.err();
-  const auto log = [&] { return readBytes(install / ".tarnhollow-update" / "helper.log"); };
-  ASSERT_TRUE(
-      th::test::waitUntil([&] { return log().find("relaunched ") != std::string::npos; }, 60s))
+  const auto log = [&] { return readBytes(work / "helper.log"); };
+  ASSERT_TRUE(waitUntil([&] { return log().find("relaunched ") != std::string::npos; }, 60s))
+      << log();
+  // The helper waited for the process that started it, the launcher, to end.
+  EXPECT_NE(
+      log().find("waiting for launcher (parent " + std::to_string(launcher.pid()) + ") to exit\n"),
+      std::string::npos)
       << log();
   EXPECT_EQ(readBytes(install / "tarn-hollow-launcher"), successor);
+  EXPECT_EQ(fileMode(install / "tarn-hollow-launcher"), 0755u);
   EXPECT_EQ(readBytes(install / "data" / "game_version"), "1.0.1\n");
-  const auto relaunched = display.waitForWindow("Tarn Hollow Launcher", 30s);
-  ASSERT_TRUE(relaunched) << log();
-  ASSERT_TRUE(th::test::waitUntil(
+  // Besides the log, one backup folder of this update, holding the old launcher; no staging left.
+  std::vector<std::string> entries;
+  for (const auto& [path, entry] : snapshotFolder(work)) {
+    if (path != "helper.log") entries.push_back(path);
+  }
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_TRUE(entries[0].starts_with("backup-")) << entries[0];
+  EXPECT_EQ(entries[1], entries[0] + "/tarn-hollow-launcher");
+  EXPECT_EQ(readBytes(work / entries[1]), running);
+  ASSERT_TRUE(waitUntil(
       [&] {
-        return nginx.accessLog().find("GET /stable/linux/manifest.json") !=
-               nginx.accessLog().rfind("GET /stable/linux/manifest.json");
+        const std::string requests = nginx.accessLog();
+        return requests.find("manifest.json") != requests.rfind("manifest.json");
       },
       30s))
       << "the new launcher checks again: " << nginx.accessLog();
   // SDL may have replaced the window it mapped first: close whichever one is shown now.
-  EXPECT_TRUE(th::test::waitUntil(
+  EXPECT_TRUE(waitUntil(
       [&] {
         const auto shown = display.waitForWindow("Tarn Hollow Launcher", 2s);
         return shown && display.requestClose(*shown);
@@ -82,3 +90,4 @@ TEST(SelfUpdate, TheLauncherHandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt)
 }
 
 }  // namespace
+}  // namespace th::test

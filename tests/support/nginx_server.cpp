@@ -79,11 +79,11 @@ bool NginxServer::start(const std::filesystem::path& documentRoot,
   std::filesystem::remove(dir_ / "nginx.pid", ignored);
   port_ = freeLocalPort();
   std::string config = kConfig;
-  for (const auto& [name, value] :
-       {std::pair<std::string, std::string>{"@DIR@", dir_.path().string()},
-        {"@PORT@", std::to_string(port_)},
-        {"@ROOT@", documentRoot.string()},
-        {"@EXTRA@", extraServerConfig}}) {
+  const std::pair<std::string, std::string> values[] = {{"@DIR@", dir_.path().string()},
+                                                        {"@PORT@", std::to_string(port_)},
+                                                        {"@ROOT@", documentRoot.string()},
+                                                        {"@EXTRA@", extraServerConfig}};
+  for (const auto& [name, value] : values) {
     for (size_t at; (at = config.find(name)) != std::string::npos;)
       config.replace(at, name.size(), value);
   }
@@ -93,16 +93,10 @@ bool NginxServer::start(const std::filesystem::path& documentRoot,
       "-e", (dir_ / "error.log").string()});
   // nginx writes its pid file only after binding the port, so a stranger on it is not mistaken
   // for our server.
-  const bool ready =
-      waitUntil(
-          [&] {
-            return !process->running() ||
-                   (std::filesystem::exists(dir_ / "nginx.pid", ignored) && accepts(port_));
-          },
-          std::chrono::seconds(10)) &&
-      process->running();
-  if (ready) process_ = std::move(process);
-  return ready;
+  waitUntil([&] { return !process->running() || std::filesystem::exists(dir_ / "nginx.pid"); },
+            std::chrono::seconds(10));
+  if (process->running() && accepts(port_)) process_ = std::move(process);
+  return ok();
 }
 
 std::string NginxServer::url() const { return "http://127.0.0.1:" + std::to_string(port_); }

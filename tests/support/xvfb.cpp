@@ -2,6 +2,7 @@
 
 #include <X11/Xlib.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -16,17 +17,12 @@ struct DisplayCloser {
 
 // Parses binary PPM (P6, maxval 255), which `import` writes on request.
 std::optional<Image> parsePpm(const std::string& bytes) {
-  std::istringstream in(bytes);
-  std::string magic;
-  int width = 0, height = 0, maxval = 0;
-  in >> magic >> width >> height >> maxval;
-  if (magic != "P6" || width <= 0 || height <= 0 || maxval != 255) return std::nullopt;
-  in.get();
-  Image image{width, height, std::vector<std::uint8_t>(static_cast<size_t>(width) * height * 3)};
-  in.read(reinterpret_cast<char*>(image.rgb.data()),
-          static_cast<std::streamsize>(image.rgb.size()));
-  if (!in) return std::nullopt;
-  return image;
+  int width = 0, height = 0, header = 0;
+  std::sscanf(bytes.c_str(), "P6 %d %d 255%n", &width, &height, &header);
+  const size_t size = static_cast<size_t>(width) * height * 3;
+  if (header == 0 || width <= 0 || height <= 0 || bytes.size() < header + 1 + size) return {};
+  const auto* pixels = reinterpret_cast<const std::uint8_t*>(bytes.data()) + header + 1;
+  return Image{width, height, std::vector<std::uint8_t>(pixels, pixels + size)};
 }
 
 }  // namespace
