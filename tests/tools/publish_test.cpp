@@ -144,7 +144,9 @@ void expectRefused(const Studio& studio, const th::test::ProcessResult& result,
 TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   Studio s;
   // Which names the launcher refuses is the engine's own table; one of them stands for all here.
-  for (const char* name : {"data/update_public_key.pem", "caf\xc3\xa9.txt"}) {
+  for (const char* name : {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
+                           "data/update_server.txt", "bin/tarn-hollow-launcher",
+                           "tarn-hollow-update-helper/readme", ".tarnhollow-update"}) {
     writeBytes(s.release / name, "x");
   }
   fs::create_symlink("../../notes.txt", s.release / "data" / "up");
@@ -169,12 +171,22 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
                           "which the launcher cannot read",
        s.server.string() + ": the server root lies inside the release",
        std::string(TH_DEV_PUBLIC_KEY) + ": not an unencrypted PEM private key",
+       ".tarnhollow-update: would displace the updater's work folder",
+       "bin/tarn-hollow-launcher: the launcher takes any file named tarn-hollow-launcher for "
+       "itself and hands it to the update helper on every start; it belongs at the top",
        "broken: cannot be read (broken symbolic link: No such file or directory)",
        "caf\xc3\xa9.txt: characters the launcher cannot fetch (names may hold letters, digits "
        "and - . _ ~ ! $ & ' ( ) * + , ; = @)",
        "data/folder: symbolic link to a folder (link the files instead)",
+       "data/game_version: the launcher's version marker: it rewrites the file after every "
+       "update, so every start would download it again",
        "data/up: symbolic link leaving the release folder",
-       "data/update_public_key.pem: the launcher refuses this name", "pipe: not a regular file"});
+       "data/update_public_key.pem: the launcher refuses this name",
+       "data/update_server.txt: each player's server address, set when the game is packaged: a "
+       "release must not change it (move players with an HTTP redirect)",
+       "pipe: not a regular file",
+       "tarn-hollow-update-helper/readme: lies below tarn-hollow-update-helper, a file in every "
+       "install"});
 }
 
 TEST(Publish, RefusesEmptyOrMissingReleasesAndKeysThatCannotSignOrAreNotPinned) {
