@@ -166,7 +166,7 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
       {"--version '1..2' is not a dotted number like 1.4.2",
        "--minimum-online-version '1.2147483648' is not a dotted number like 1.4.0",
        "--protocol-version '-1' is not a whole number from 0 to 2147483647",
-       "--channel 'a/b' must be letters, digits, '.', '_' or '-'",
+       "--channel 'a/b' must be letters, digits, '.', '_' or '-', not starting with '.'",
        s.notes.string() + ": release notes hold a control character other than tab or line end, "
                           "which the launcher cannot read",
        s.server.string() + ": the server root lies inside the release",
