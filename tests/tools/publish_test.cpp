@@ -156,16 +156,18 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   writeBytes(s.notes, "beep\x07");
   s.server = s.release / "srv";
 
-  const auto result = s.publish("1..2",
-                                {"--notes", s.notes.string(), "--minimum-online-version",
-                                 "1.2147483648", "--protocol-version", "-1", "--channel", "a/b"},
-                                TH_PUBLISH_DEVKEY, TH_DEV_PUBLIC_KEY);
+  const auto result =
+      s.publish("1..2",
+                {"--notes", s.notes.string(), "--minimum-online-version", "1.2147483648",
+                 "--protocol-version", "-1", "--channel", "a/b", "--keep", "0"},
+                TH_PUBLISH_DEVKEY, TH_DEV_PUBLIC_KEY);
 
   expectRefused(
       s, result,
       {"--version '1..2' is not a dotted number like 1.4.2",
        "--minimum-online-version '1.2147483648' is not a dotted number like 1.4.0",
        "--protocol-version '-1' is not a whole number from 0 to 2147483647",
+       "--keep '0' is not a whole number from 1 to 2147483647",
        "--channel 'a/b' must be letters, digits, '.', '_' or '-', not starting with '.'",
        s.notes.string() + ": release notes hold a control character other than tab or line end, "
                           "which the launcher cannot read",
@@ -215,6 +217,7 @@ TEST(Publish, MisuseExitsWith2NamingTheProblemBeforeTheUsage) {
       {{}, "missing command"},
       {{"upload"}, "unknown command 'upload'"},
       {{"keygen"}, "missing --out"},
+      {{"verify"}, "missing --url"},
       {{"release", "--from"}, "missing value for --from"},
       {{"release", "--mandatory", "--mandatory"}, "repeated --mandatory"},
       {{"release", "--force"}, "unknown argument '--force'"},

@@ -142,7 +142,11 @@ bool copyChanged(const ReleaseFile& file, const fs::path& place, update::Manifes
                  Problems& problems) {
   std::error_code error;
   fs::copy_file(file.source, place, error);
-  const std::string digest = error ? std::string() : update::sha256File(place);
+  if (error) {
+    problems.push_back(file.path + ": cannot be copied: " + error.message());
+    return false;
+  }
+  const std::string digest = update::sha256File(place);
   const std::uint64_t size = fs::file_size(place, error);
   if (digest.empty() || error) {
     problems.push_back(file.path + ": cannot be read" + (error ? ": " + error.message() : ""));
