@@ -144,9 +144,9 @@ void expectRefused(const Studio& studio, const th::test::ProcessResult& result,
 TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   Studio s;
   // Which names the launcher refuses is the engine's own table; one of them stands for all here.
-  for (const char* name : {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
-                           "data/update_server.txt", "bin/tarn-hollow-launcher",
-                           "tarn-hollow-update-helper/readme", ".tarnhollow-update"}) {
+  for (const char* name :
+       {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
+        "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme", ".tarnhollow-update"}) {
     writeBytes(s.release / name, "x");
   }
   fs::create_symlink("../../notes.txt", s.release / "data" / "up");
@@ -156,18 +156,16 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   writeBytes(s.notes, "beep\x07");
   s.server = s.release / "srv";
 
-  const auto result =
-      s.publish("1..2",
-                {"--notes", s.notes.string(), "--minimum-online-version", "1.2147483648",
-                 "--protocol-version", "-1", "--channel", "a/b", "--keep", "0"},
-                TH_PUBLISH_DEVKEY, TH_DEV_PUBLIC_KEY);
+  const auto result = s.publish("1..2",
+                                {"--notes", s.notes.string(), "--minimum-online-version",
+                                 "1.2147483648", "--protocol-version", "-1", "--channel", "a/b"},
+                                TH_PUBLISH_DEVKEY, TH_DEV_PUBLIC_KEY);
 
   expectRefused(
       s, result,
       {"--version '1..2' is not a dotted number like 1.4.2",
        "--minimum-online-version '1.2147483648' is not a dotted number like 1.4.0",
        "--protocol-version '-1' is not a whole number from 0 to 2147483647",
-       "--keep '0' is not a whole number from 1 to 2147483647",
        "--channel 'a/b' must be letters, digits, '.', '_' or '-', not starting with '.'",
        s.notes.string() + ": release notes hold a control character other than tab or line end, "
                           "which the launcher cannot read",
@@ -183,10 +181,7 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
        "data/game_version: the launcher's version marker: it rewrites the file after every "
        "update, so every start would download it again",
        "data/up: symbolic link leaving the release folder",
-       "data/update_public_key.pem: the launcher refuses this name",
-       "data/update_server.txt: each player's server address, set when the game is packaged: a "
-       "release must not change it (move players with an HTTP redirect)",
-       "pipe: not a regular file",
+       "data/update_public_key.pem: the launcher refuses this name", "pipe: not a regular file",
        "tarn-hollow-update-helper/readme: lies below tarn-hollow-update-helper, a file in every "
        "install"});
 }

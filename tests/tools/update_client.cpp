@@ -1,5 +1,4 @@
-// One player's launcher engine, as a process of its own: checks and applies once, then prints
-// the version now installed, or the engine's error code.
+// One player's engine as a process of its own: prints the version it installed, or its error.
 #include <iostream>
 
 #include "update/updater.h"
