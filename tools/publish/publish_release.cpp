@@ -199,10 +199,11 @@ update::Manifest manifestHeader(const ReleaseOptions& options, const std::string
   return manifest;
 }
 
-// Reads the signed manifest back the way every launcher will, before anyone can fetch it.
+// Reads the signed manifest back the way every launcher will, before anyone can fetch it. The
+// key file it needs is removed again, so it is never served.
 void selfCheck(const std::string& json, const std::string& signature, const SigningKey& signing,
-               const fs::path& stage, const update::Manifest& intended, Problems& problems) {
-  const fs::path publicKey = stage / "update_public_key.pem";
+               const fs::path& folder, const update::Manifest& intended, Problems& problems) {
+  const fs::path publicKey = folder / "update_public_key.pem";
   std::string error;
   update::Manifest parsed;
   const bool written = update::writeTextFile(publicKey, signing.publicPem);
@@ -230,9 +231,8 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
   checkKey(options.key, signing, problems);
   scanRelease(options.from, files, problems);
   ReleaseStore store(options.serverRoot, options.channel, options.platform);
-  if (!problems.empty() || !store.inspect(problems)) return false;
-
-  if (!store.create(options.version, problems)) return false;
+  store.inspect(problems);
+  if (!problems.empty() || !store.create(options.version, problems)) return false;
   update::Manifest manifest = manifestHeader(options, notes);
   fillRelease(files, store, manifest, summary.linked, problems);
   if (!problems.empty()) return false;
