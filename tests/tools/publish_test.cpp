@@ -144,7 +144,9 @@ void expectRefused(const Studio& studio, const th::test::ProcessResult& result,
 TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   Studio s;
   // Which names the launcher refuses is the engine's own table; one of them stands for all here.
-  for (const char* name : {"data/update_public_key.pem", "caf\xc3\xa9.txt"}) {
+  for (const char* name :
+       {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
+        "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme", ".tarnhollow-update"}) {
     writeBytes(s.release / name, "x");
   }
   fs::create_symlink("../../notes.txt", s.release / "data" / "up");
@@ -164,17 +166,24 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
       {"--version '1..2' is not a dotted number like 1.4.2",
        "--minimum-online-version '1.2147483648' is not a dotted number like 1.4.0",
        "--protocol-version '-1' is not a whole number from 0 to 2147483647",
-       "--channel 'a/b' must be letters, digits, '.', '_' or '-'",
+       "--channel 'a/b' must be letters, digits, '.', '_' or '-', not starting with '.'",
        s.notes.string() + ": release notes hold a control character other than tab or line end, "
                           "which the launcher cannot read",
        s.server.string() + ": the server root lies inside the release",
        std::string(TH_DEV_PUBLIC_KEY) + ": not an unencrypted PEM private key",
+       ".tarnhollow-update: would displace the updater's work folder",
+       "bin/tarn-hollow-launcher: the launcher takes any file named tarn-hollow-launcher for "
+       "itself and hands it to the update helper on every start; it belongs at the top",
        "broken: cannot be read (broken symbolic link: No such file or directory)",
        "caf\xc3\xa9.txt: characters the launcher cannot fetch (names may hold letters, digits "
        "and - . _ ~ ! $ & ' ( ) * + , ; = @)",
        "data/folder: symbolic link to a folder (link the files instead)",
+       "data/game_version: the launcher's version marker: it rewrites the file after every "
+       "update, so every start would download it again",
        "data/up: symbolic link leaving the release folder",
-       "data/update_public_key.pem: the launcher refuses this name", "pipe: not a regular file"});
+       "data/update_public_key.pem: the launcher refuses this name", "pipe: not a regular file",
+       "tarn-hollow-update-helper/readme: lies below tarn-hollow-update-helper, a file in every "
+       "install"});
 }
 
 TEST(Publish, RefusesEmptyOrMissingReleasesAndKeysThatCannotSignOrAreNotPinned) {
@@ -203,6 +212,7 @@ TEST(Publish, MisuseExitsWith2NamingTheProblemBeforeTheUsage) {
       {{}, "missing command"},
       {{"upload"}, "unknown command 'upload'"},
       {{"keygen"}, "missing --out"},
+      {{"verify"}, "missing --url"},
       {{"release", "--from"}, "missing value for --from"},
       {{"release", "--mandatory", "--mandatory"}, "repeated --mandatory"},
       {{"release", "--force"}, "unknown argument '--force'"},

@@ -1,36 +1,45 @@
-// tarn-hollow-publish: the studio's release tool. `keygen` makes a signing key pair;
-// `release` publishes a release folder, signed, into an update server's folder tree.
+// tarn-hollow-publish: the studio's release tool. `keygen` makes a signing key pair; `release`
+// publishes a release folder, signed, into an update server's folder tree; `verify` checks a
+// served release as a player's launcher would see it.
 
 #include <algorithm>
 #include <iostream>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "tools/publish/keygen.h"
 #include "tools/publish/options.h"
 #include "tools/publish/publish_release.h"
+#include "tools/publish/verify_release.h"
 
 namespace {
+
+using Args = std::vector<std::string>;
 
 constexpr int kExitDone = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 
-int usageError(const std::string& error) {
-  std::cerr << "tarn-hollow-publish: " << error << '\n' << th::publish::usageText();
+int usageError(const std::string& error, const std::string& command = "") {
+  std::cerr << "tarn-hollow-publish: " << error << '\n' << th::publish::usageText(command);
   return kExitUsage;
 }
 
-int refused(const std::vector<std::string>& problems) {
-  std::cerr << "tarn-hollow-publish: refused, nothing was published:\n";
+int failed(const std::string& headline, const std::vector<std::string>& problems) {
+  std::cerr << "tarn-hollow-publish: " << headline << ":\n";
   for (const std::string& problem : problems) std::cerr << "  " << problem << '\n';
   return kExitRefused;
 }
 
-int keygen(const std::vector<std::string>& args) {
+int refused(const std::vector<std::string>& problems) {
+  return failed("refused, nothing was published", problems);
+}
+
+int keygen(const Args& args) {
   th::publish::KeygenOptions options;
   std::string error;
-  if (!th::publish::parseKeygenOptions(args, options, error)) return usageError(error);
+  if (!th::publish::parseKeygenOptions(args, options, error)) return usageError(error, "keygen");
   th::publish::KeygenResult result;
   std::vector<std::string> problems;
   if (!th::publish::generateKeyPair(options.out, result, problems)) return refused(problems);
@@ -42,26 +51,59 @@ int keygen(const std::vector<std::string>& args) {
   return kExitDone;
 }
 
-int release(const std::vector<std::string>& args) {
+int release(const Args& args) {
   th::publish::ReleaseOptions options;
   std::string error;
-  if (!th::publish::parseReleaseOptions(args, options, error)) return usageError(error);
+  if (!th::publish::parseReleaseOptions(args, options, error)) return usageError(error, "release");
   th::publish::PublishSummary summary;
   std::vector<std::string> problems;
   if (!th::publish::publishRelease(options, summary, problems)) return refused(problems);
   std::cout << "published " << options.version << " (" << options.channel << '/' << options.platform
             << "): " << summary.files << " files, " << summary.bytes << " bytes, in "
             << summary.channelFolder.string() << '\n';
+  if (summary.linked > 0) {
+    std::cout << summary.linked << " unchanged files linked from the previous release\n";
+  }
+  if (summary.pruned > 0) std::cout << summary.pruned << " older releases removed\n";
+  return kExitDone;
+}
+
+int verify(const Args& args) {
+  th::publish::VerifyOptions options;
+  std::string error;
+  if (!th::publish::parseVerifyOptions(args, options, error)) return usageError(error, "verify");
+  th::publish::VerifySummary summary;
+  std::vector<std::string> problems;
+  if (!th::publish::verifyRelease(options, summary, problems)) {
+    return failed(summary.folderUrl + " does not serve a good release", problems);
+  }
+  std::cout << "verified " << summary.version << " at " << summary.folderUrl << ": "
+            << summary.files << " files, " << summary.bytes
+            << " bytes, each as its signed manifest says\n";
   return kExitDone;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+  const Args words(argv + std::min(argc, 1), argv + argc);
   if (words.empty()) return usageError("missing command");
-  const std::vector<std::string> args(words.begin() + 1, words.end());
-  if (words[0] == "keygen") return keygen(args);
-  if (words[0] == "release") return release(args);
-  return usageError("unknown command '" + words[0] + "'");
+  if (words[0] == "--version") {
+    std::cout << "tarn-hollow-publish " << TH_VERSION << '\n';
+    return kExitDone;
+  }
+  if (words[0] == "--help" || words[0] == "-h") {
+    std::cout << th::publish::usageText();
+    return kExitDone;
+  }
+  static const std::map<std::string, int (*)(const Args&)> kCommands = {
+      {"keygen", keygen}, {"release", release}, {"verify", verify}};
+  const auto command = kCommands.find(words[0]);
+  if (command == kCommands.end()) return usageError("unknown command '" + words[0] + "'");
+  const Args args(words.begin() + 1, words.end());
+  if (th::publish::asksForHelp(args)) {
+    std::cout << th::publish::usageText(words[0]);
+    return kExitDone;
+  }
+  return command->second(args);
 }

@@ -1,5 +1,6 @@
 #include "tools/publish/options.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -50,11 +51,27 @@ void take(const Values& values, const std::string& name, std::filesystem::path& 
 
 }  // namespace
 
-std::string usageText() {
-  return "usage: tarn-hollow-publish keygen --out DIR\n"
-         "       tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
-         "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
-         "           [--mandatory] [--minimum-online-version V] [--protocol-version N]\n";
+std::string usageText(const std::string& command) {
+  static const std::map<std::string, std::string> kUsage = {
+      {"keygen", "       tarn-hollow-publish keygen --out DIR\n"},
+      {"release",
+       "       tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
+       "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
+       "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"},
+      {"verify",
+       "       tarn-hollow-publish verify --url URL [--channel stable] [--platform linux]\n"
+       "           [--public-key FILE]\n"},
+  };
+  if (const auto found = kUsage.find(command); found != kUsage.end()) {
+    return "usage:" + found->second.substr(6);
+  }
+  return "usage:" + kUsage.at("keygen").substr(6) + kUsage.at("release") + kUsage.at("verify") +
+         "       tarn-hollow-publish --help | --version\n";
+}
+
+bool asksForHelp(const std::vector<std::string>& args) {
+  return std::any_of(args.begin(), args.end(),
+                     [](const std::string& word) { return word == "--help" || word == "-h"; });
 }
 
 bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& options,
@@ -68,7 +85,7 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
 bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                          std::string& error) {
   const Grammar grammar{{"--from", "--version", "--key", "--server-root", "--channel", "--platform",
-                         "--notes", "--minimum-online-version", "--protocol-version"},
+                         "--notes", "--minimum-online-version", "--protocol-version", "--keep"},
                         {"--mandatory"},
                         {"--from", "--version", "--key", "--server-root"}};
   Values values;
@@ -82,7 +99,22 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
   take(values, "--notes", options.notes);
   take(values, "--minimum-online-version", options.minimumOnlineVersion);
   take(values, "--protocol-version", options.protocolVersion);
+  take(values, "--keep", options.keep);
   options.mandatory = values.count("--mandatory") > 0;
+  return true;
+}
+
+bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
+                        std::string& error) {
+  Values values;
+  if (!parseWords(args, {{"--url", "--channel", "--platform", "--public-key"}, {}, {"--url"}},
+                  values, error)) {
+    return false;
+  }
+  take(values, "--url", options.url);
+  take(values, "--channel", options.channel);
+  take(values, "--platform", options.platform);
+  take(values, "--public-key", options.publicKey);
   return true;
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-// The command lines of tarn-hollow-publish's two commands.
+// The command lines of tarn-hollow-publish's commands.
 
 #include <filesystem>
 #include <string>
@@ -22,6 +22,14 @@ struct ReleaseOptions {
   bool mandatory = false;
   std::string minimumOnlineVersion;
   std::string protocolVersion = "0";  // checked with the other values, see publish_release.h
+  std::string keep = "3";             // releases kept on the server, the current one included
+};
+
+struct VerifyOptions {
+  std::string url;
+  std::string channel = "stable";
+  std::string platform = "linux";
+  std::filesystem::path publicKey;  // empty: the key built into the tool
 };
 
 // `args` are the words after the command name. On failure `error` says what is wrong.
@@ -29,7 +37,13 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
                         std::string& error);
 bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                          std::string& error);
+bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
+                        std::string& error);
 
-std::string usageText();
+// True when the words ask for help ("--help" or "-h").
+bool asksForHelp(const std::vector<std::string>& args);
+
+// The usage of one command ("keygen", "release", "verify"), or of all for any other name.
+std::string usageText(const std::string& command = "");
 
 }  // namespace th::publish

@@ -4,8 +4,8 @@
 
 namespace th::publish {
 
-HashProgress::HashProgress(std::FILE* out, std::size_t files, std::uint64_t bytes)
-    : out_(out), terminal_(isatty(fileno(out)) == 1), files_(files), bytes_(bytes) {}
+HashProgress::HashProgress(std::FILE* out, std::size_t files, std::uint64_t bytes, const char* what)
+    : out_(out), what_(what), terminal_(isatty(fileno(out)) == 1), files_(files), bytes_(bytes) {}
 
 void HashProgress::fileDone(std::uint64_t bytes) {
   ++filesDone_;
@@ -22,7 +22,7 @@ void HashProgress::fileDone(std::uint64_t bytes) {
 void HashProgress::print() const {
   const double mib = 1024.0 * 1024.0;
   const int percent = bytes_ == 0 ? 100 : static_cast<int>(bytesDone_ * 100 / bytes_);
-  std::fprintf(out_, "hashing: %zu/%zu files, %.1f of %.1f MiB (%d%%)%s", filesDone_, files_,
+  std::fprintf(out_, "%s: %zu/%zu files, %.1f of %.1f MiB (%d%%)%s", what_, filesDone_, files_,
                static_cast<double>(bytesDone_) / mib, static_cast<double>(bytes_) / mib, percent,
                terminal_ && filesDone_ < files_ ? "\r" : "\n");
   std::fflush(out_);

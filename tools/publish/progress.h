@@ -1,6 +1,7 @@
 #pragma once
-// Progress of hashing a release, on stderr: a line that rewrites itself on a terminal, and a
-// line per tenth of the bytes otherwise (for large releases only, to keep logs short).
+// Progress over a release's files (hashing them, or checking served ones), on stderr: a line
+// that rewrites itself on a terminal, and a line per tenth of the bytes otherwise (for large
+// releases only, to keep logs short).
 
 #include <cstdint>
 #include <cstdio>
@@ -9,13 +10,16 @@ namespace th::publish {
 
 class HashProgress {
  public:
-  HashProgress(std::FILE* out, std::size_t files, std::uint64_t bytes);
+  // `what` starts each line: "hashing", "checking".
+  HashProgress(std::FILE* out, std::size_t files, std::uint64_t bytes,
+               const char* what = "hashing");
   void fileDone(std::uint64_t bytes);
 
  private:
   void print() const;
 
   std::FILE* out_;
+  const char* what_;
   bool terminal_;
   std::size_t files_, filesDone_ = 0;
   std::uint64_t bytes_, bytesDone_ = 0;

@@ -1,7 +1,5 @@
 #include "tools/publish/publish_release.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -12,6 +10,7 @@
 #include "tools/publish/manifest_json.h"
 #include "tools/publish/progress.h"
 #include "tools/publish/release_scan.h"
+#include "tools/publish/release_store.h"
 #include "update/manifest.h"
 #include "update/pinned_key.h"
 #include "update/platform.h"
@@ -41,12 +40,12 @@ bool dottedNumber(std::string_view text) {
   }
 }
 
-// Channel and platform become folder names on the server and parts of the launcher's URLs.
+// Channel and platform become folder names on the server and parts of the launcher's URLs; a
+// leading dot is left to the server's own folders (the stored releases).
 bool plainName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." &&
-         std::all_of(name.begin(), name.end(), [](char c) {
-           return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
-         });
+  return !name.empty() && name.front() != '.' && std::all_of(name.begin(), name.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
+  });
 }
 
 bool serverRootInsideRelease(const ReleaseOptions& options) {
@@ -68,11 +67,14 @@ void checkValues(const ReleaseOptions& options, std::string& notes, Problems& pr
     problems.push_back("--protocol-version '" + options.protocolVersion +
                        "' is not a whole number from 0 to 2147483647");
   }
+  if (!smallNumber(options.keep) || options.keep.find_first_not_of('0') == std::string::npos) {
+    problems.push_back("--keep '" + options.keep + "' is not a whole number from 1 to 2147483647");
+  }
   for (const auto& [option, name] :
        {std::pair{"--channel", options.channel}, std::pair{"--platform", options.platform}}) {
     if (!plainName(name)) {
       problems.push_back(std::string(option) + " '" + name +
-                         "' must be letters, digits, '.', '_' or '-'");
+                         "' must be letters, digits, '.', '_' or '-', not starting with '.'");
     }
   }
   if (!options.notes.empty()) {
@@ -117,27 +119,71 @@ void checkKey(const fs::path& file, SigningKey& signing, Problems& problems) {
   }
 }
 
-// Copies the release into the staging folder and describes the copies: what is published is
-// exactly what was hashed, even if the release folder changes meanwhile.
-void stageFiles(const std::vector<ReleaseFile>& files, const fs::path& stage,
-                update::Manifest& manifest, Problems& problems) {
+// Hard-links the served release's copy when it has the same size and digest: a one-file patch
+// of a large game costs one file's copy, not the game's.
+bool linkUnchanged(const ReleaseFile& file, const ReleaseStore& store, const fs::path& place,
+                   update::ManifestFile& entry) {
+  const update::ManifestFile* served = store.servedEntry(file.path);
+  if (served == nullptr || served->size != file.size) return false;
+  const fs::path servedFile = store.servedFile(file.path);
+  std::error_code error;
+  if (!fs::is_regular_file(fs::symlink_status(servedFile, error))) return false;
+  if (fs::file_size(servedFile, error) != served->size || error) return false;
+  if (update::sha256File(file.source) != served->sha256) return false;
+  fs::create_hard_link(servedFile, place, error);
+  if (error) return false;
+  entry = {file.path, served->sha256, served->size, file.executable};
+  return true;
+}
+
+// Copies a file into the new release and describes the copy: what is published is exactly what
+// was hashed, even if the release folder changes meanwhile.
+bool copyChanged(const ReleaseFile& file, const fs::path& place, update::ManifestFile& entry,
+                 Problems& problems) {
+  std::error_code error;
+  fs::copy_file(file.source, place, error);
+  if (error) {
+    problems.push_back(file.path + ": cannot be copied: " + error.message());
+    return false;
+  }
+  const std::string digest = update::sha256File(place);
+  const std::uint64_t size = fs::file_size(place, error);
+  if (digest.empty() || error) {
+    problems.push_back(file.path + ": cannot be read" + (error ? ": " + error.message() : ""));
+    return false;
+  }
+  entry = {file.path, digest, size, file.executable};
+  return true;
+}
+
+void fillRelease(const std::vector<ReleaseFile>& files, const ReleaseStore& store,
+                 update::Manifest& manifest, std::size_t& linked, Problems& problems) {
   std::uint64_t total = 0;
   for (const ReleaseFile& file : files) total += file.size;
   HashProgress progress(stderr, files.size(), total);
   for (const ReleaseFile& file : files) {
-    const fs::path copy = stage / "files" / file.path;
+    const fs::path place = store.folder() / "files" / file.path;
     std::error_code error;
-    fs::create_directories(copy.parent_path(), error);
-    fs::copy_file(file.source, copy, fs::copy_options::overwrite_existing, error);
-    const std::string digest = error ? std::string() : update::sha256File(copy);
-    const std::uint64_t size = fs::file_size(copy, error);
-    if (digest.empty() || error) {
-      problems.push_back(file.path + ": cannot be read" + (error ? ": " + error.message() : ""));
+    fs::create_directories(place.parent_path(), error);
+    update::ManifestFile entry;
+    if (linkUnchanged(file, store, place, entry)) {
+      ++linked;
+    } else if (!copyChanged(file, place, entry, problems)) {
       continue;
     }
-    manifest.files.push_back({file.path, digest, size, file.executable});
-    progress.fileDone(size);
+    manifest.files.push_back(entry);
+    progress.fileDone(entry.size);
   }
+}
+
+bool writeManifest(const fs::path& folder, const std::string& json, const std::string& signature,
+                   Problems& problems) {
+  if (update::writeTextFile(folder / "manifest.json", json) &&
+      update::writeTextFile(folder / "manifest.sig", signature)) {
+    return true;
+  }
+  problems.push_back(folder.string() + ": cannot write the manifest");
+  return false;
 }
 
 update::Manifest manifestHeader(const ReleaseOptions& options, const std::string& notes) {
@@ -153,15 +199,20 @@ update::Manifest manifestHeader(const ReleaseOptions& options, const std::string
   return manifest;
 }
 
-// Reads the signed manifest back the way every launcher will, before anyone can fetch it.
+// Reads the signed manifest back the way every launcher will, before anyone can fetch it. The
+// key file it needs is removed again, so it is never served.
 void selfCheck(const std::string& json, const std::string& signature, const SigningKey& signing,
-               const fs::path& stage, const update::Manifest& intended, Problems& problems) {
-  const fs::path publicKey = stage / "update_public_key.pem";
+               const fs::path& folder, const update::Manifest& intended, Problems& problems) {
+  const fs::path publicKey = folder / "update_public_key.pem";
   std::string error;
   update::Manifest parsed;
-  if (!update::writeTextFile(publicKey, signing.publicPem)) {
+  const bool written = update::writeTextFile(publicKey, signing.publicPem);
+  const bool verified = written && update::verifySignedManifest(json, signature, publicKey, error);
+  std::error_code ignored;
+  fs::remove(publicKey, ignored);
+  if (!written) {
     problems.push_back(publicKey.string() + ": cannot be written");
-  } else if (!update::verifySignedManifest(json, signature, publicKey, error)) {
+  } else if (!verified) {
     problems.push_back("the signed manifest does not verify: " + error);
   } else if (!update::parseManifest(json, parsed, error)) {
     problems.push_back("the launcher cannot read the manifest: " + error);
@@ -169,61 +220,6 @@ void selfCheck(const std::string& json, const std::string& signature, const Sign
     problems.push_back("the launcher would misread the manifest's " + field);
   }
 }
-
-bool moveIntoPlace(const fs::path& from, const fs::path& to, Problems& problems) {
-  std::error_code error;
-  fs::create_directories(to.parent_path(), error);
-  fs::rename(from, to, error);
-  if (error) problems.push_back(to.string() + ": cannot be published: " + error.message());
-  return !error;
-}
-
-// The files go first; the manifest and then its signature last, so that a launcher never sees
-// a manifest whose files are not there yet.
-bool publishStaged(const fs::path& stage, const fs::path& channel, const update::Manifest& m,
-                   const std::string& json, const std::string& signature, Problems& problems) {
-  for (const update::ManifestFile& file : m.files) {
-    if (!moveIntoPlace(stage / "files" / file.path, channel / "files" / file.path, problems)) {
-      return false;
-    }
-  }
-  if (!update::writeTextFile(stage / "manifest.json", json) ||
-      !update::writeTextFile(stage / "manifest.sig", signature)) {
-    problems.push_back(stage.string() + ": cannot write the manifest");
-    return false;
-  }
-  return moveIntoPlace(stage / "manifest.json", channel / "manifest.json", problems) &&
-         moveIntoPlace(stage / "manifest.sig", channel / "manifest.sig", problems);
-}
-
-// Removes the staging folder, and on failure the folders that publishing created, so that a
-// refused release leaves the server tree as it was.
-class StagingArea {
- public:
-  explicit StagingArea(const fs::path& channel)
-      : path_(channel / (".publish-" + std::to_string(getpid()))) {
-    std::error_code error;
-    for (fs::path folder = channel; !folder.empty() && !fs::exists(folder, error);
-         folder = folder.parent_path()) {
-      created_.push_back(folder);
-      if (folder == folder.parent_path()) break;
-    }
-    fs::remove_all(path_, error);
-  }
-  ~StagingArea() {
-    std::error_code error;
-    fs::remove_all(path_, error);
-    if (succeeded_) return;
-    for (const fs::path& folder : created_) fs::remove(folder, error);  // only while empty
-  }
-  const fs::path& path() const { return path_; }
-  void succeeded() { succeeded_ = true; }
-
- private:
-  fs::path path_;
-  std::vector<fs::path> created_;
-  bool succeeded_ = false;
-};
 
 }  // namespace
 
@@ -234,12 +230,11 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
   checkValues(options, notes, problems);
   checkKey(options.key, signing, problems);
   scanRelease(options.from, files, problems);
-  if (!problems.empty()) return false;
-
-  const fs::path channel = options.serverRoot / options.channel / options.platform;
-  StagingArea stage(channel);
+  ReleaseStore store(options.serverRoot, options.channel, options.platform);
+  store.inspect(problems);
+  if (!problems.empty() || !store.create(options.version, problems)) return false;
   update::Manifest manifest = manifestHeader(options, notes);
-  stageFiles(files, stage.path(), manifest, problems);
+  fillRelease(files, store, manifest, summary.linked, problems);
   if (!problems.empty()) return false;
   const std::string json = manifestJson(manifest);
   std::string signature, error;
@@ -247,11 +242,13 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
     problems.push_back(options.key.string() + ": signing failed: " + error);
     return false;
   }
-  selfCheck(json, signature, signing, stage.path(), manifest, problems);
-  if (!problems.empty()) return false;
-  if (!publishStaged(stage.path(), channel, manifest, json, signature, problems)) return false;
-  stage.succeeded();
-  summary.channelFolder = channel;
+  selfCheck(json, signature, signing, store.folder(), manifest, problems);
+  if (!problems.empty() || !writeManifest(store.folder(), json, signature, problems) ||
+      !store.makeCurrent(problems)) {
+    return false;
+  }
+  summary.pruned = store.prune(std::stoul(options.keep));
+  summary.channelFolder = store.served();
   summary.files = manifest.files.size();
   for (const auto& file : manifest.files) summary.bytes += file.size;
   return true;

@@ -14,14 +14,17 @@ struct PublishSummary {
   std::filesystem::path channelFolder;  // ROOT / channel / platform
   std::size_t files = 0;
   std::uint64_t bytes = 0;
+  std::size_t linked = 0;  // unchanged files hard-linked from the release served before
+  std::size_t pruned = 0;  // older releases removed beyond --keep
 };
 
-// Checks everything first (options, key, release folder), copies the files into a staging
-// folder beside the channel's files, hashes the copies, writes and signs the manifest and
-// reads it back through the launcher's own parser and signature check. Only then does it move
-// the files into ROOT/<channel>/<platform>/files/ and the manifest and its signature, last,
-// beside them, each by rename. On refusal nothing is published and `problems` lists every
-// reason, one line each, naming the offending file where there is one.
+// Checks everything first (options, key, release folder), then assembles the release in a
+// folder of its own beside the served one (see release_store.h): unchanged files hard-linked
+// from the served release, the others copied and the copies hashed. It writes and signs the
+// manifest, reads it back through the launcher's own parser and signature check, flushes the
+// folder to disk and makes it current in one rename, then prunes old releases. On refusal or
+// failure the served tree is left as it was and `problems` lists every reason, one line each,
+// naming the offending file where there is one.
 bool publishRelease(const ReleaseOptions& options, PublishSummary& summary,
                     std::vector<std::string>& problems);
 

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "tools/publish/install_names.h"
 #include "update/safe_path.h"
 
 namespace th::publish {
@@ -26,6 +27,7 @@ bool fetchableName(const std::string& path) {
 std::string judge(const fs::directory_entry& entry, const fs::path& realRoot, ReleaseFile& file) {
   std::error_code error;
   if (!update::safeRelativePath(file.path)) return "the launcher refuses this name";
+  if (std::string conflict = installNameConflict(file.path); !conflict.empty()) return conflict;
   if (!fetchableName(file.path)) {
     return "characters the launcher cannot fetch (names may hold letters, digits and "
            "- . _ ~ ! $ & ' ( ) * + , ; = @)";

@@ -20,9 +20,9 @@ bool isWithin(const std::filesystem::path& path, const std::filesystem::path& fo
 
 // Lists every file below `root` in a stable (sorted) order. Files that a release may not hold
 // are reported in `problems`, one "path: reason" line each, all of them, not just the first:
-// names the launcher refuses or cannot fetch, links leading out of the release or to folders,
-// broken links, and things that are not regular files. True when the release is usable: no
-// problems and at least one file.
+// names the launcher refuses or cannot fetch, names every install keeps for itself, links
+// leading out of the release or to folders, broken links, and things that are not regular
+// files. True when the release is usable: no problems and at least one file.
 bool scanRelease(const std::filesystem::path& root, std::vector<ReleaseFile>& files,
                  std::vector<std::string>& problems);
 

@@ -1,0 +1,177 @@
+#include "tools/publish/release_store.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <functional>
+#include <system_error>
+#include <utility>
+
+#include "tools/publish/durable.h"
+#include "update/text_file.h"
+
+namespace th::publish {
+namespace fs = std::filesystem;
+namespace {
+
+using Problems = std::vector<std::string>;
+using Releases = std::vector<std::pair<std::size_t, fs::path>>;
+
+// The sequence number that starts a release folder's name; 0 for any other name.
+std::size_t sequenceOf(const std::string& name) {
+  std::size_t sequence = 0;
+  const char* last = name.data() + name.size();
+  const auto [end, result] = std::from_chars(name.data(), last, sequence);
+  return result == std::errc() && end != last && *end == '-' ? sequence : 0;
+}
+
+// The release folders below `folder`, newest (highest sequence) first.
+Releases releasesIn(const fs::path& folder) {
+  Releases releases;
+  std::error_code error;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    const std::size_t sequence = sequenceOf(it->path().filename().string());
+    std::error_code ignored;
+    if (sequence > 0 && it->is_directory(ignored)) releases.emplace_back(sequence, it->path());
+  }
+  std::sort(releases.begin(), releases.end(), std::greater<>());
+  return releases;
+}
+
+// Zero-padded, so that a listing sorts releases in the order they were published.
+std::string releaseName(std::size_t sequence, const std::string& label) {
+  std::string digits = std::to_string(sequence);
+  if (digits.size() < 6) digits.insert(0, 6 - digits.size(), '0');
+  return digits + "-" + label;
+}
+
+std::string problemAt(const fs::path& path, const std::string& what, const std::error_code& why) {
+  return path.string() + ": " + what + ": " + why.message();
+}
+
+}  // namespace
+
+ReleaseStore::ReleaseStore(const fs::path& serverRoot, const std::string& channel,
+                           const std::string& platform)
+    : channel_(serverRoot / channel),
+      served_(channel_ / platform),
+      releases_(channel_ / ".releases" / platform),
+      link_(channel_ / ("." + platform + ".next-" + std::to_string(getpid()))) {}
+
+ReleaseStore::~ReleaseStore() {
+  if (current_) return;
+  std::error_code ignored;
+  fs::remove(link_, ignored);
+  if (!folder_.empty()) fs::remove_all(folder_, ignored);
+  for (const fs::path& folder : created_) fs::remove(folder, ignored);  // only while empty
+}
+
+bool ReleaseStore::inspect(Problems& problems) {
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(served_, error);
+  if (fs::is_directory(status)) {
+    takeOver_ = true;
+  } else if (fs::exists(status) && !fs::is_symlink(status)) {
+    problems.push_back(served_.string() + ": neither a folder nor a link; move it away first");
+    return false;
+  }
+  // Without a readable manifest nothing is reused, and every file is copied.
+  update::Manifest manifest;
+  std::string unreadable;
+  if (update::parseManifest(update::readTextFile(served_ / "manifest.json"), manifest,
+                            unreadable)) {
+    for (update::ManifestFile& file : manifest.files) servedFiles_.emplace(file.path, file);
+  }
+  return true;
+}
+
+bool ReleaseStore::create(const std::string& version, Problems& problems) {
+  std::error_code error;
+  for (fs::path folder = releases_; !folder.empty() && !fs::exists(folder, error);
+       folder = folder.parent_path()) {
+    created_.push_back(folder);
+    if (folder == folder.parent_path()) break;
+  }
+  fs::create_directories(releases_, error);
+  if (error) {
+    problems.push_back(problemAt(releases_, "cannot be created", error));
+    return false;
+  }
+  std::size_t sequence = nextSequence();
+  if (takeOver_) takenOverName_ = releaseName(sequence++, "taken-over");
+  const fs::path folder = releases_ / releaseName(sequence, version);
+  if (!fs::create_directory(folder, error)) {
+    problems.push_back(error ? problemAt(folder, "cannot be created", error)
+                             : folder.string() + ": already exists");
+    return false;
+  }
+  folder_ = folder;
+  return true;
+}
+
+const update::ManifestFile* ReleaseStore::servedEntry(const std::string& path) const {
+  const auto found = servedFiles_.find(path);
+  return found == servedFiles_.end() ? nullptr : &found->second;
+}
+
+fs::path ReleaseStore::servedFile(const std::string& path) const {
+  return served_ / "files" / path;
+}
+
+bool ReleaseStore::makeCurrent(Problems& problems) {
+  if (!syncTree(folder_) || !syncPath(releases_)) {
+    problems.push_back(folder_.string() + ": cannot be flushed to disk");
+    return false;
+  }
+  std::error_code error;
+  fs::create_symlink(folder_.lexically_relative(channel_), link_, error);
+  if (error) {
+    problems.push_back(problemAt(link_, "cannot be created", error));
+    return false;
+  }
+  if (!swapLinkIn(problems)) return false;
+  current_ = true;
+  syncPath(channel_);  // the rename itself; the release is current either way
+  return true;
+}
+
+bool ReleaseStore::swapLinkIn(Problems& problems) {
+  std::error_code error;
+  if (!takeOver_) {
+    fs::rename(link_, served_, error);
+    if (error) problems.push_back(problemAt(served_, "cannot be replaced", error));
+    return !error;
+  }
+  // A link cannot be renamed over a folder, but the two can swap places in one step.
+  if (::renameat2(AT_FDCWD, link_.c_str(), AT_FDCWD, served_.c_str(), RENAME_EXCHANGE) != 0) {
+    problems.push_back(problemAt(served_, "cannot be taken over",
+                                 std::error_code(errno, std::generic_category())));
+    return false;
+  }
+  // The old folder now stands at the link's temporary name; it joins the older releases.
+  fs::rename(link_, releases_ / takenOverName_, error);
+  return true;
+}
+
+std::size_t ReleaseStore::prune(std::size_t keep) {
+  const Releases releases = releasesIn(releases_);
+  std::size_t removed = 0;
+  for (std::size_t i = keep; i < releases.size(); ++i) {
+    std::error_code error;
+    if (fs::equivalent(served_, releases[i].second, error)) continue;
+    fs::remove_all(releases[i].second, error);
+    if (!error) ++removed;
+  }
+  return removed;
+}
+
+std::size_t ReleaseStore::nextSequence() const {
+  const Releases releases = releasesIn(releases_);
+  return releases.empty() ? 1 : releases.front().first + 1;
+}
+
+}  // namespace th::publish

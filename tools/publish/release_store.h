@@ -1,0 +1,60 @@
+#pragma once
+// The served tree of one channel and platform. ROOT/<channel>/<platform> is a symbolic link to
+// one release folder in ROOT/<channel>/.releases/<platform>/, named "<sequence>-<version>",
+// which holds manifest.json, manifest.sig and files/. A new release is assembled in a folder of
+// its own and made current by renaming a new link over the old one: a player's request sees
+// either the old release or the new one, whole, and never a manifest beside another release's
+// signature. Older releases stay until pruned.
+
+#include <cstddef>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "update/manifest.h"
+
+namespace th::publish {
+
+class ReleaseStore {
+ public:
+  ReleaseStore(const std::filesystem::path& serverRoot, const std::string& channel,
+               const std::string& platform);
+  // Unless made current, the new release folder, the new link and the folders this store
+  // created are removed again: a failure leaves the served tree exactly as it was.
+  ~ReleaseStore();
+  ReleaseStore(const ReleaseStore&) = delete;
+  ReleaseStore& operator=(const ReleaseStore&) = delete;
+
+  // Looks at what is served now, creating nothing. A plain folder there (from a server laid out
+  // by hand, or by an older version of this tool) is taken over when the release is made
+  // current. False, with a problem line, when something else stands there.
+  bool inspect(std::vector<std::string>& problems);
+  // Creates the new release's folder.
+  bool create(const std::string& version, std::vector<std::string>& problems);
+
+  // The served release's file at `path`, where its manifest lists one; null otherwise.
+  const update::ManifestFile* servedEntry(const std::string& path) const;
+  std::filesystem::path servedFile(const std::string& path) const;
+
+  const std::filesystem::path& served() const { return served_; }  // ROOT/<channel>/<platform>
+  const std::filesystem::path& folder() const { return folder_; }  // the new release's folder
+
+  // Flushes the new release to disk, then swaps the link in, in one rename.
+  bool makeCurrent(std::vector<std::string>& problems);
+  // Removes all but the newest `keep` releases; the number removed.
+  std::size_t prune(std::size_t keep);
+
+ private:
+  std::size_t nextSequence() const;
+  bool swapLinkIn(std::vector<std::string>& problems);
+
+  std::filesystem::path channel_, served_, releases_, folder_, link_;
+  bool takeOver_ = false;
+  std::string takenOverName_;
+  std::map<std::string, update::ManifestFile> servedFiles_;
+  std::vector<std::filesystem::path> created_;
+  bool current_ = false;
+};
+
+}  // namespace th::publish

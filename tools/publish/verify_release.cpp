@@ -1,0 +1,131 @@
+#include "tools/publish/verify_release.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include "tools/publish/progress.h"
+#include "update/http.h"
+#include "update/manifest.h"
+#include "update/signature.h"
+#include "update/text_file.h"
+
+namespace th::publish {
+namespace fs = std::filesystem;
+namespace {
+
+using Problems = std::vector<std::string>;
+
+// A private folder for the key and one downloaded file at a time, removed at scope end.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    std::error_code error;
+    std::string pattern = (fs::temp_directory_path(error) / "tarn-hollow-verify-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    if (!path_.empty()) fs::remove_all(path_, ignored);
+  }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+// The launcher trims only line ends and blanks off the end of the signature; so does this.
+void trimSignatureEnd(std::string& signature) {
+  while (!signature.empty() &&
+         std::string_view(" \t\r\n").find(signature.back()) != std::string_view::npos) {
+    signature.pop_back();
+  }
+}
+
+bool publicKeyFile(const VerifyOptions& options, const fs::path& scratch, fs::path& key,
+                   Problems& problems) {
+  key = options.publicKey;
+  if (!key.empty()) return true;
+  key = scratch / "update_public_key.pem";
+  if (builtInPublicKey().empty()) {
+    problems.push_back("this build has no public key built in: pass --public-key FILE");
+  } else if (!update::writeTextFile(key, std::string(builtInPublicKey()))) {
+    problems.push_back(key.string() + ": cannot be written");
+  }
+  return problems.empty();
+}
+
+bool fetchManifest(const VerifyOptions& options, const std::string& folderUrl, const fs::path& key,
+                   update::Manifest& manifest, Problems& problems) {
+  std::string text, signature, error;
+  if (!update::httpGet(update::joinUrl(folderUrl, "manifest.json"), text, error) ||
+      !update::httpGet(update::joinUrl(folderUrl, "manifest.sig"), signature, error)) {
+    problems.push_back("the manifest cannot be fetched: " + error);
+    return false;
+  }
+  trimSignatureEnd(signature);
+  if (!update::verifySignedManifest(text, signature, key, error) ||
+      !update::parseManifest(text, manifest, error)) {
+    problems.push_back("the manifest is refused: " + error);
+    return false;
+  }
+  if (manifest.channel != options.channel || manifest.platform != options.platform) {
+    problems.push_back("the manifest is for " + manifest.channel + "/" + manifest.platform);
+    return false;
+  }
+  return true;
+}
+
+// Empty when the served file matches its entry; otherwise what is wrong with it.
+std::string checkFile(const std::string& filesUrl, const update::ManifestFile& file,
+                      const fs::path& scratch) {
+  const fs::path download = scratch / "download";
+  std::string error;
+  if (!update::httpDownload(update::joinUrl(filesUrl, file.path), download, {}, error)) {
+    return "cannot be downloaded: " + error;
+  }
+  const std::string digest = update::sha256File(download);
+  std::error_code sizeError;
+  const std::uint64_t size = fs::file_size(download, sizeError);
+  fs::remove(download, sizeError);
+  if (digest != file.sha256) return "SHA-256 " + digest + ", the manifest says " + file.sha256;
+  if (size != file.size) {
+    return std::to_string(size) + " bytes, the manifest says " + std::to_string(file.size);
+  }
+  return {};
+}
+
+}  // namespace
+
+bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problems& problems) {
+  summary.folderUrl =
+      update::joinUrl(update::joinUrl(options.url, options.channel), options.platform);
+  const ScratchFolder scratch;
+  fs::path key;
+  update::Manifest manifest;
+  if (scratch.path().empty()) {
+    problems.push_back("no temporary folder for the downloads");
+    return false;
+  }
+  if (!publicKeyFile(options, scratch.path(), key, problems) ||
+      !fetchManifest(options, summary.folderUrl, key, manifest, problems)) {
+    return false;
+  }
+  summary.version = manifest.version;
+  for (const update::ManifestFile& file : manifest.files) summary.bytes += file.size;
+  HashProgress progress(stderr, manifest.files.size(), summary.bytes, "checking");
+  const std::string filesUrl = update::joinUrl(summary.folderUrl, "files");
+  for (const update::ManifestFile& file : manifest.files) {
+    if (const std::string problem = checkFile(filesUrl, file, scratch.path()); !problem.empty()) {
+      problems.push_back(file.path + ": " + problem);
+    }
+    progress.fileDone(file.size);
+  }
+  summary.files = manifest.files.size();
+  return problems.empty();
+}
+
+}  // namespace th::publish
