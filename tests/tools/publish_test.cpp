@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/files.h"
 #include "tests/support/nginx_server.h"
 #include "tests/support/process.h"
 #include "tests/support/release_builder.h"
-#include "tests/support/files.h"
 #include "update/signature.h"
 #include "update/updater.h"
 

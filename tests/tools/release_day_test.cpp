@@ -6,7 +6,7 @@
 #include <map>
 #include <thread>
 
-#include "tests/support/folder_snapshot.h"
+#include "tests/support/files.h"
 #include "tests/support/nginx_server.h"
 #include "tests/support/release_builder.h"
 #include "update/signature.h"
