@@ -1,4 +1,4 @@
-// tarn-hollow-publish verify against a real nginx, and the tool's help and version.
+// tarn-hollow-publish verify against a real nginx.
 #include <gtest/gtest.h>
 
 #include "tests/support/files.h"
@@ -38,18 +38,6 @@ TEST(Verify, PassesAServedReleaseAndNamesWhateverIsBad) {
   expectVerify(nginx.url(), {"the manifest is refused: manifest_signature_verify_failed"});
   expectVerify("http://127.0.0.1:1",  // nothing listens on port 1
                {"the manifest cannot be fetched: Couldn't connect to server"});
-}
-
-TEST(PublishCommandLine, HelpAndVersionGoToStandardOutput) {
-  const std::vector<std::pair<std::vector<std::string>, std::string>> table = {
-      {{TH_PUBLISH_DEVKEY, "-h"}, "usage: tarn-hollow-publish keygen --out DIR\n       tarn"},
-      {{TH_PUBLISH_DEVKEY, "release", "--help"}, "usage: tarn-hollow-publish release --from"},
-      {{TH_PUBLISH_DEVKEY, "--version"}, "tarn-hollow-publish " TH_VERSION "\n"}};
-  for (const auto& [argv, start] : table) {
-    const ProcessResult result = runProcess(argv);
-    EXPECT_EQ(result.exitCode, 0) << argv[1];
-    EXPECT_EQ(result.out.substr(0, start.size()), start);
-  }
 }
 
 }  // namespace
