@@ -152,6 +152,7 @@ TEST_F(Updater, InstallsAFreshReleaseThenOnlyWhatChangedLeavingTheLauncherStaged
   EXPECT_EQ(readBytes(install / "save" / "profile_v07.sav"), "the player's progress");
   ASSERT_FALSE(progress.empty());
   for (const auto& [done, total] : progress) EXPECT_EQ(total, plan.totalBytes);
+  EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));  // one rising figure for all files
   EXPECT_EQ(progress.back(), std::make_pair(plan.totalBytes, plan.totalBytes));
 
   writeBytes(install / "data" / "forest.map", "forest 1.0");
