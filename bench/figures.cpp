@@ -108,8 +108,8 @@ std::optional<Cost> checkCost(const fs::path& install, const std::string& server
   });
 }
 
-// Apply into a fresh install; the check before it and the removal after it are not timed.
-// `around` runs just before and just after the apply.
+// Apply into a new install; the check before it is not timed. `around` runs just before and
+// just after the apply.
 std::optional<Cost> applyCost(
     const fs::path& install, const std::string& server,
     const std::function<void()>& around = [] {}) {
@@ -127,8 +127,6 @@ std::optional<Cost> applyCost(
     around();
   }
   if (!cost) reportFailure("apply", error);
-  std::error_code ignored;
-  fs::remove_all(install, ignored);
   return cost;
 }
 
@@ -229,19 +227,28 @@ struct Workspace {
   std::string serverOf(const DataSet& set) const { return nginx.url() + "/" + set.name; }
   std::string filesUrl(const DataSet& set) const { return serverOf(set) + "/stable/linux/files"; }
 
+  // Runs write into folders of their own, removed when the figure is done: removing thousands
+  // of files right before creating as many again makes ext4 hunt for inodes it has not used
+  // recently, and the figure would time that instead of the engine.
+  fs::path runFolder(const char* id) const { return work / id / std::to_string(++runCount); }
+
   void compare(const char* id, const char* what, const Timed& ours, const Timed& peer,
                double target, int runs = 0) const {
-    if (options.wants(id))
-      printRatio(id, what, sideBySide(ours, peer, runs > 0 ? runs : options.runs), target);
+    if (!options.wants(id)) return;
+    printRatio(id, what, sideBySide(ours, peer, runs > 0 ? runs : options.runs), target);
+    std::error_code ignored;
+    fs::remove_all(work / id, ignored);
   }
 
   // curl fetching the release in one process, then (for large files) openssl hashing it.
-  std::optional<Cost> applyPeer(const DataSet& set, bool hashAfter) const {
-    std::vector<Command> commands{curlInto(set, filesUrl(set), work / "peer", work / "curl.cfg")};
-    if (hashAfter) commands.push_back(opensslOver(set, work / "peer"));
+  std::optional<Cost> applyPeer(const DataSet& set, bool hashAfter, const fs::path& into) const {
+    std::vector<Command> commands{curlInto(set, filesUrl(set), into, work / "curl.cfg")};
+    if (hashAfter) commands.push_back(opensslOver(set, into));
     if (hashAfter && options.syncPeer) commands.push_back(Command({"sync"}));
-    return thenRemove(sumOf(commands), work / "peer");
+    return sumOf(commands);
   }
+
+  mutable int runCount = 0;
 };
 
 void compareChecksAndApplies(const Workspace& w, const DataSet& big, const DataSet& small,
@@ -261,12 +268,20 @@ void compareChecksAndApplies(const Workspace& w, const DataSet& big, const DataS
   w.compare(
       "P3",
       w.options.syncPeer ? "apply, 1 GiB in 64 files (peer + sync)" : "apply, 1 GiB in 64 files",
-      [&] { return applyCost(w.work / "apply", w.serverOf(big)); },
-      [&] { return w.applyPeer(big, true); }, 1.00);
+      // A gibibyte a run: removed at once.
+      [&] {
+        const fs::path into = w.runFolder("P3");
+        return thenRemove(applyCost(into, w.serverOf(big)), into);
+      },
+      [&] {
+        const fs::path into = w.runFolder("P3");
+        return thenRemove(w.applyPeer(big, true, into), into);
+      },
+      1.00);
   w.compare(
       "P4", "apply, 2,000 files of 8 KiB",
-      [&] { return applyCost(w.work / "apply", w.serverOf(many)); },
-      [&] { return w.applyPeer(many, false); }, 1.20);
+      [&] { return applyCost(w.runFolder("P4"), w.serverOf(many)); },
+      [&] { return w.applyPeer(many, false, w.runFolder("P4")); }, 1.20);
 }
 
 void reportParse(const Options& options) {
@@ -332,7 +347,8 @@ void reportApplyMemory(const Workspace& w, const DataSet& single) {
       peak = statusKiB("VmHWM");
     }
   };
-  const bool applied = applyCost(w.work / "apply", w.serverOf(single), measure).has_value();
+  const fs::path into = w.runFolder("mem");
+  const bool applied = thenRemove(applyCost(into, w.serverOf(single), measure), into).has_value();
   std::printf("%-4s %-44s %9ld KiB %26s <= 4096 KiB %s\n", "mem",
               "resident-set growth, 1 GiB single-file apply", peak - before, "",
               applied && peak - before <= 4096 ? "met" : "MISSED");
@@ -346,10 +362,17 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   th::test::TempDir work;
   const fs::path servers = work / "servers";
-  const DataSet big = th::bench::publishDataSet(servers, "big", 64, 16 << 20);
-  const DataSet small = th::bench::publishDataSet(servers, "small", 20000, 4 << 10);
-  const DataSet many = th::bench::publishDataSet(servers, "many", 2000, 8 << 10);
-  const DataSet single = th::bench::publishDataSet(servers, "single", 1, std::size_t{1} << 30);
+  // Only the data sets of the chosen figures are written.
+  const auto publish = [&](std::vector<const char*> figures, const char* name, int count,
+                           std::size_t size) {
+    for (const char* figure : figures)
+      if (options.wants(figure)) return th::bench::publishDataSet(servers, name, count, size);
+    return DataSet{name, {}, {}, 0};
+  };
+  const DataSet big = publish({"P1", "P3", "P7c", "cold"}, "big", 64, 16 << 20);
+  const DataSet small = publish({"P2"}, "small", 20000, 4 << 10);
+  const DataSet many = publish({"P4"}, "many", 2000, 8 << 10);
+  const DataSet single = publish({"mem"}, "single", 1, std::size_t{1} << 30);
   const th::test::NginxServer nginx(servers);
   if (!nginx.ok()) return reportFailure("nginx", nginx.errorLog()) ? 0 : 1;
   th::bench::linkInstall(big, work / "big-install", nginx.url());

@@ -125,14 +125,16 @@ std::string sha256Bytes(std::string_view bytes) {
 std::string sha256File(const std::filesystem::path& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (file.get() < 0) return {};
-  // Whole installs are read front to back once: ask for aggressive read-ahead.
-  ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   DigestContext context = startSha256();
   if (!context) return {};
   // On the stack and left uninitialised: nothing to allocate or zero-fill per file.
   char chunk[kFileChunkBytes];
   ssize_t got;
-  while ((got = readChunk(file.get(), chunk)) > 0) {
+  for (bool first = true; (got = readChunk(file.get(), chunk)) > 0; first = false) {
+    // A file that fills the first chunk is read front to back: ask for aggressive read-ahead.
+    // Small files, the bulk of a large install's count, are spared the call.
+    if (first && got == static_cast<ssize_t>(kFileChunkBytes))
+      ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     if (EVP_DigestUpdate(context.get(), chunk, static_cast<std::size_t>(got)) != 1) return {};
   }
   if (got < 0) return {};
