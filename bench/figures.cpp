@@ -259,7 +259,6 @@ void compareChecksAndApplies(const Workspace& w, const DataSet& big, const DataS
       [&] { return checkCost(bigInstall, w.serverOf(big)); },
       [&] { return th::bench::timeCommand(opensslOver(big, bigInstall)); }, 0.85);
   Command xargs({"xargs", "-0", "openssl", "dgst", "-sha256"});
-  xargs.workDir = smallInstall;
   xargs.input = w.work / "small-list";
   w.compare(
       "P2", "check, 20,000 files of 4 KiB",
@@ -287,17 +286,19 @@ void compareChecksAndApplies(const Workspace& w, const DataSet& big, const DataS
 void reportParse(const Options& options) {
   if (!options.wants("P6")) return;
   const std::string manifest = th::bench::sampleManifest(10000);
-  std::vector<double> walls;
+  std::vector<double> walls, cpus;
   for (int i = 0; i < 10 * options.runs; ++i) {
     th::update::Manifest parsed;
     std::string error;
-    walls.push_back(th::bench::timeHere([&] {
-                      return th::update::parseManifest(manifest, parsed, error);
-                    })->wall);
+    const Cost cost =
+        *th::bench::timeHere([&] { return th::update::parseManifest(manifest, parsed, error); });
+    walls.push_back(cost.wall);
+    cpus.push_back(cost.cpu);
   }
   const double ms = median(walls) * 1e3;
-  std::printf("%-4s %-44s %9.1f ms %12s %6s %6s   <= 5 ms %s\n", "P6",
-              "parseManifest, 10,000 entries", ms, "-", "-", "-", ms <= 5 ? "met" : "MISSED");
+  std::printf("%-4s %-44s %9.1f ms %12s %6s %6s   <= 5 ms %s (processor: %.1f ms)\n", "P6",
+              "parseManifest, 10,000 entries", ms, "-", "-", "-", ms <= 5 ? "met" : "MISSED",
+              median(cpus) * 1e3);
 }
 
 void compareFirstFrames(const Workspace& w) {
@@ -378,7 +379,8 @@ int main(int argc, char** argv) {
   th::bench::linkInstall(big, work / "big-install", nginx.url());
   th::bench::linkInstall(small, work / "small-install", nginx.url());
   std::string smallList;
-  for (const std::string& path : small.paths) smallList += path + '\0';
+  for (const std::string& path : small.paths)
+    smallList += (work / "small-install" / path).string() + '\0';
   th::test::writeBytes(work / "small-list", smallList);
 
   const Workspace w{options, work.path(), nginx};

@@ -41,9 +41,9 @@ std::optional<std::int64_t> spawnAndWait(const Command& command, rusage& usage) 
 }  // namespace
 
 double processCpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return seconds(usage);
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 std::int64_t monotonicNs() {
