@@ -1,7 +1,7 @@
 // The speed figures of docs/BENCHMARKS.md, each beside its peer tool in one run: the same files,
 // engine and peer alternating, medians of the runs. Then the cold-cache check (as root) and the
 // resident-set growth of a 1 GiB apply. Run through scripts/bench.
-// Usage: th_figures [--runs N] [--sync-peer]
+// Usage: th_figures [--runs N] [--only P1,P2,...] [--sync-peer]
 //   --sync-peer  end the apply peer with `sync`, for engines that flush what they install
 #include <unistd.h>
 
