@@ -35,7 +35,7 @@ std::string hex(const unsigned char* bytes, std::size_t length) {
 }
 
 // Fetched once: passing EVP_sha256() makes the library look the algorithm up again on every
-// init, which dominates hashing a small file. Immutable after the fetch, so threads can share it.
+// init, a noticeable part of hashing a small file. Read-only once fetched, so threads share it.
 const EVP_MD* sha256Algorithm() {
   static EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   return algorithm;
