@@ -11,6 +11,7 @@
 #include <random>
 #include <string>
 
+#include "bench/bench_manifest.h"
 #include "update/manifest.h"
 #include "update/signature.h"
 #include "update/version.h"
@@ -50,27 +51,9 @@ void BM_Sha256File(benchmark::State& state) {
 }
 BENCHMARK(BM_Sha256File)->Arg(1)->Arg(64)->Arg(256)->Unit(benchmark::kMillisecond);
 
-std::string manifestWithFiles(int count) {
-  std::string text =
-      "{\n  \"format\": 1,\n  \"product\": \"tarn-hollow\",\n  \"channel\": \"stable\",\n"
-      "  \"platform\": \"linux\",\n  \"version\": \"1.4.2\",\n  \"release_notes\": \"notes\",\n"
-      "  \"files\": [\n";
-  for (int i = 0; i < count; ++i) {
-    text +=
-        "    { \"path\": \"data/pack" + std::to_string(i) +
-        ".bin\", \"sha256\": \"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855\", "
-        "\"size\": 123456, \"executable\": false },\n";
-  }
-  text +=
-      "    { \"path\": \"tarn-hollow\", \"sha256\": "
-      "\"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855\", \"size\": 1 }\n  "
-      "]\n}\n";
-  return text;
-}
-
 // A release of a few thousand files must still parse quickly.
 void BM_ParseManifest(benchmark::State& state) {
-  const std::string text = manifestWithFiles(static_cast<int>(state.range(0)));
+  const std::string text = th::bench::sampleManifest(static_cast<int>(state.range(0)));
   for (auto _ : state) {
     th::update::Manifest manifest;
     std::string error;

@@ -2,6 +2,9 @@
 // The background update job: one check-and-update cycle per call, published into Shared.
 // The mutex is held only while publishing, never across engine, file or process work.
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -17,6 +20,8 @@
 #include "update/version.h"
 
 namespace {
+
+constexpr int kUpdateJobNice = 10;
 
 // What a successful check means for this installation.
 struct CheckOutcome {
@@ -190,6 +195,10 @@ inline void beginUpdateJob(Shared& shared, const std::filesystem::path& installD
     shared.progressTotal = 0;
   }
   std::thread([sharedPtr = &shared, installDir, channel, repair, elevated] {
+    // A background job: when the cores are busy, the window's thread goes first, so hashing a
+    // large install never holds up a frame. On Linux a nice value belongs to one thread.
+    const auto self = static_cast<id_t>(gettid());
+    setpriority(PRIO_PROCESS, self, getpriority(PRIO_PROCESS, self) + kUpdateJobNice);
     runUpdateJob(*sharedPtr, installDir, channel, repair, elevated);
   }).detach();
 }

@@ -1,5 +1,8 @@
 #include "update/manifest.h"
 
+#include <string.h>
+
+#include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
@@ -12,12 +15,21 @@
 namespace th::update {
 namespace {
 
+// Plain substring search. Every key and string value starts with a quote, so a search that steps
+// from quote to quote (std::string::find) crawls through a large manifest; memmem skips ahead.
+std::size_t findText(const std::string& text, const std::string& needle, std::size_t from) {
+  if (from > text.size()) return std::string::npos;
+  const void* found =
+      ::memmem(text.data() + from, text.size() - from, needle.data(), needle.size());
+  return found == nullptr ? std::string::npos : static_cast<const char*>(found) - text.data();
+}
+
 // A deliberately small field extractor, not a JSON parser: the first textual occurrence of the
 // quoted key wins wherever it stands, and the value starts after the next ':' and any blanks.
 // Signed manifests are read this way by every launcher in the field, so the rules must not drift.
 std::optional<std::size_t> valueStart(const std::string& text, const std::string& key) {
   const std::string needle = "\"" + key + "\"";
-  const std::size_t found = text.find(needle);
+  const std::size_t found = findText(text, needle, 0);
   if (found == std::string::npos) return std::nullopt;
   const std::size_t afterNeedle = found + needle.size();
   if (afterNeedle >= text.size()) return std::nullopt;
@@ -29,25 +41,25 @@ std::optional<std::size_t> valueStart(const std::string& text, const std::string
   return at;
 }
 
+// The first '"' or backslash at or after `from`: where a plain run inside a string ends.
+std::size_t stringStop(const std::string& text, std::size_t from) {
+  while (from < text.size() && text[from] != '"' && text[from] != '\\') ++from;
+  return std::min(from, text.size());
+}
+
 // Only \n, \r and \t are translated; any other escaped byte stands for itself (so a \u escape
 // keeps its four hex digits as plain text). An unterminated string yields what was read.
 std::string jsonString(const std::string& text, const std::string& key) {
   const std::optional<std::size_t> start = valueStart(text, key);
   if (!start || text[*start] != '"') return {};
   std::string value;
-  bool escaped = false;
-  for (std::size_t i = *start + 1; i < text.size(); ++i) {
-    const char c = text[i];
-    if (escaped) {
-      escaped = false;
-      value.push_back(c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : c);
-    } else if (c == '\\') {
-      escaped = true;
-    } else if (c == '"') {
-      break;
-    } else {
-      value.push_back(c);
-    }
+  for (std::size_t at = *start + 1; at < text.size();) {
+    const std::size_t stop = stringStop(text, at);
+    value.append(text, at, stop - at);
+    if (stop + 1 >= text.size() || text[stop] == '"') break;
+    const char c = text[stop + 1];
+    value.push_back(c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : c);
+    at = stop + 2;
   }
   return value;
 }
@@ -99,45 +111,39 @@ bool headerValid(const Manifest& manifest) {
          !manifest.version.empty() && !manifest.platform.empty();
 }
 
-// The texts of the complete top-level objects of the "files" array. Braces and brackets inside
-// strings do not count; the depth counter is signed and never clamped, so a stray '}' leaves it
-// negative for the rest of the scan. An object still open at the end of the text is dropped.
-std::vector<std::string> fileObjects(const std::string& text) {
-  std::vector<std::string> objects;
-  const std::size_t key = text.find("\"files\"");
-  if (key == std::string::npos) return objects;
+// Hands each complete top-level object of the "files" array to `visit`, in order, until it
+// returns false. Braces and brackets inside strings do not count; the depth counter is signed and
+// never clamped, so a stray '}' leaves it negative for the rest of the scan. An object still open
+// at the end of the text is dropped.
+template <typename Visit>
+void forEachFileObject(const std::string& text, Visit visit) {
+  const std::size_t key = findText(text, "\"files\"", 0);
+  if (key == std::string::npos) return;
   const std::size_t bracket = text.find('[', key + 7);
-  if (bracket == std::string::npos) return objects;
-  bool inString = false;
-  bool escaped = false;
+  if (bracket == std::string::npos) return;
+  std::string object;  // reused, so entries cost no allocation once it has grown
   std::int64_t depth = 0;
   std::size_t objectStart = std::string::npos;  // none recorded
   for (std::size_t i = bracket + 1; i < text.size(); ++i) {
     const char c = text[i];
-    if (inString) {
-      if (escaped) {
-        escaped = false;
-      } else if (c == '\\') {
-        escaped = true;
-      } else if (c == '"') {
-        inString = false;
-      }
-    } else if (c == '"') {
-      inString = true;
+    if (c == '"') {
+      // To the closing quote; the byte after a backslash is taken literally.
+      i = stringStop(text, i + 1);
+      while (i < text.size() && text[i] == '\\') i = stringStop(text, i + 2);
     } else if (c == '{') {
       if (depth == 0) objectStart = i;
       ++depth;
     } else if (c == '}') {
       --depth;
       if (depth == 0 && objectStart != std::string::npos) {
-        objects.push_back(text.substr(objectStart, i - objectStart + 1));
+        object.assign(text, objectStart, i - objectStart + 1);
         objectStart = std::string::npos;
+        if (!visit(object)) return;
       }
     } else if (c == ']' && depth == 0) {
-      break;
+      return;
     }
   }
-  return objects;
 }
 
 ManifestFile readFile(const std::string& object) {
@@ -163,13 +169,16 @@ bool parseManifest(const std::string& text, Manifest& out, std::string& error) {
     error = "manifest_header_invalid";
     return false;
   }
-  for (const std::string& object : fileObjects(text)) {
+  bool filesValid = true;
+  forEachFileObject(text, [&](const std::string& object) {
     ManifestFile file = readFile(object);
-    if (!fileValid(file)) {
-      error = "manifest_file_invalid";
-      return false;
-    }
-    manifest.files.push_back(std::move(file));
+    filesValid = fileValid(file);
+    if (filesValid) manifest.files.push_back(std::move(file));
+    return filesValid;
+  });
+  if (!filesValid) {
+    error = "manifest_file_invalid";
+    return false;
   }
   if (manifest.files.empty()) {
     error = "manifest_has_no_files";

@@ -15,6 +15,14 @@ extern char** environ;
 namespace th::test {
 namespace {
 
+std::filesystem::path outputFile(const char* stream) {
+  static std::atomic<int> counter{0};
+  return std::filesystem::temp_directory_path() /
+         ("th-proc-" + std::to_string(getpid()) + "-" + std::to_string(counter++) + "." + stream);
+}
+
+}  // namespace
+
 std::vector<std::string> childEnvironment(const ProcessOptions& options) {
   std::map<std::string, std::string> vars;
   for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -38,14 +46,6 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
   result.push_back(nullptr);
   return result;
 }
-
-std::filesystem::path outputFile(const char* stream) {
-  static std::atomic<int> counter{0};
-  return std::filesystem::temp_directory_path() /
-         ("th-proc-" + std::to_string(getpid()) + "-" + std::to_string(counter++) + "." + stream);
-}
-
-}  // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const ProcessOptions& options)
     : outPath_(outputFile("out")), errPath_(outputFile("err")) {

@@ -25,6 +25,11 @@ struct ProcessResult {
   std::string err;
 };
 
+// This process's environment with `options.env` applied, as NAME=VALUE texts.
+std::vector<std::string> childEnvironment(const ProcessOptions& options);
+// The null-terminated pointer array that exec wants; valid while `strings` lives unchanged.
+std::vector<char*> pointers(std::vector<std::string>& strings);
+
 // Runs a program to completion (killing it after the time-out) and collects its output.
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
 
