@@ -1,8 +1,4 @@
-// SIGKILL at chosen system calls and at random ones, of the engine during an apply and of the
-// update helper during its swap, each followed by what the next launcher start does (check,
-// apply, hand-off to the helper): the install must end equal to the release, byte for byte and
-// mode for mode, with its marker and with the player's files untouched. The children run under
-// ptrace, which stops them at every system call's entry and exit without any hook in the product.
+// The engine and the update helper SIGKILLed (under ptrace, no hook in the product), then rerun.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ptrace.h>
@@ -11,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <functional>
 #include <random>
 #include <set>
@@ -27,23 +22,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Stop {
-  pid_t pid;
-  user_regs_struct regs;
-  bool returned;  // the exit of the call, not its entry
-};
-using KillWhen = std::function<bool(const Stop&)>;
+using KillWhen = std::function<bool(const user_regs_struct&)>;
 constexpr int kKilled = -1;
 
-// Runs `body` in a traced child and SIGKILLs it at the first stop where `killWhen` holds.
-// Returns the child's exit status, or kKilled.
+// Runs `body` in a traced child, SIGKILLed right after the first system call for whose registers
+// `killWhen` holds; returns its exit status or kKilled.
 int runKilledWhen(const std::function<void()>& body, const KillWhen& killWhen) {
   const pid_t pid = fork();
   if (pid == 0) {
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     raise(SIGSTOP);
     body();
-    _exit(0);
+    _exit(127);
   }
   int status = 0, signal = 0;
   waitpid(pid, &status, 0);
@@ -52,57 +42,32 @@ int runKilledWhen(const std::function<void()>& body, const KillWhen& killWhen) {
   for (bool returned = false;; signal = 0) {
     ptrace(PTRACE_SYSCALL, pid, nullptr, reinterpret_cast<void*>(static_cast<long>(signal)));
     waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    if (WSTOPSIG(status) != (SIGTRAP | 0x80)) {
-      if (status >> 16 == 0) signal = WSTOPSIG(status);  // a signal for the child, not an event
-      continue;
-    }
-    Stop stop{pid, {}, returned};
-    returned = !returned;
-    ptrace(PTRACE_GETREGS, pid, nullptr, &stop.regs);
-    if (!killWhen(stop)) continue;
+    if (WIFEXITED(status) || WIFSIGNALED(status)) return WEXITSTATUS(status) | WTERMSIG(status);
+    const bool callStop = WSTOPSIG(status) == (SIGTRAP | 0x80);
+    if (!callStop && status >> 16 == 0) signal = WSTOPSIG(status);  // for the child: pass it on
+    if (!callStop) continue;
+    user_regs_struct call{};
+    ptrace(PTRACE_GETREGS, pid, nullptr, &call);
+    returned = !returned;  // the stops alternate between a call's entry and its exit
+    if (!returned || !killWhen(call)) continue;
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
     return kKilled;
   }
 }
 
-const KillWhen kNever = [](const Stop&) { return false; };
-KillWhen atStop(int n) {
-  return [n](const Stop&) mutable { return n-- == 0; };
-}
-bool isRename(const Stop& stop) {
-  const auto call = stop.regs.orig_rax;
-  return stop.returned && (call == SYS_rename || call == SYS_renameat || call == SYS_renameat2);
-}
-// The calls after which the files on disk can differ: killing right after each of them, and
-// before the first, leaves every state a kill at any other moment can leave.
-bool changedFiles(const Stop& stop) {
+// The calls after which names, modes or what is on disk can differ: a kill right after each of
+// them leaves every install a kill at any moment can leave, except files half written.
+bool changedFiles(const user_regs_struct& call) {
   static const std::set<unsigned long long> calls = {
-      SYS_write,   SYS_link,  SYS_linkat,   SYS_unlink,          SYS_unlinkat, SYS_rmdir,
-      SYS_mkdir,   SYS_chmod, SYS_fchmod,   SYS_fchmodat,        SYS_fsync,    SYS_ftruncate,
-      SYS_mkdirat, SYS_clone, SYS_sendfile, SYS_copy_file_range, SYS_fdatasync};
-  const auto call = stop.regs.orig_rax;
-  return isRename(stop) || (stop.returned && (calls.contains(call) ||
-                                              (call == SYS_openat && (stop.regs.rdx & O_CREAT))));
+      SYS_rename,   SYS_renameat, SYS_renameat2, SYS_link,    SYS_linkat,   SYS_unlink,
+      SYS_unlinkat, SYS_rmdir,    SYS_mkdir,     SYS_mkdirat, SYS_chmod,    SYS_fchmod,
+      SYS_fchmodat, SYS_fsync,    SYS_fdatasync, SYS_syncfs,  SYS_sendfile, SYS_copy_file_range};
+  return calls.contains(call.orig_rax) || (call.orig_rax == SYS_openat && (call.rdx & O_CREAT));
 }
-KillWhen afterNth(bool (*which)(const Stop&), int n) {
-  return [which, n](const Stop& stop) mutable { return which(stop) && n-- == 0; };
-}
-std::string pathAt(pid_t pid, unsigned long long address) {
-  std::string path;
-  for (;; address += sizeof(long)) {
-    const long word = ptrace(PTRACE_PEEKDATA, pid, address, nullptr);
-    const std::string bytes(reinterpret_cast<const char*>(&word), sizeof word);
-    path += bytes.substr(0, bytes.find('\0'));
-    if (bytes.find('\0') != std::string::npos || path.size() > 4096) return path;
-  }
-}
-// The marker is the one file the engine opens for writing (O_TRUNC) under the name game_version.
-bool opensMarker(const Stop& stop) {
-  return !stop.returned && stop.regs.orig_rax == SYS_openat && (stop.regs.rdx & O_TRUNC) != 0 &&
-         pathAt(stop.pid, stop.regs.rsi).ends_with("/game_version");
+// Kills after the n-th call (from 0), or the n-th that changed files.
+KillWhen after(int n, bool changes) {
+  return [=](const auto& call) mutable { return (!changes || changedFiles(call)) && n-- == 0; };
 }
 
 // 2.0.0 changes both executables and a pack, keeps a pack and adds a map in a new folder.
@@ -125,8 +90,8 @@ void layOut(const fs::path& root, const Release& release, const std::string& ser
     writeBytes(root / file.path, file.bytes);
     if (file.executable) fs::permissions(root / file.path, fs::perms(0755));
   }
-  writeBytes(root / "save" / "slot1.sav", "the player's progress");
-  writeBytes(root / "userdata" / "settings.cfg", "volume=3");
+  for (const char* save : {"save/slot1.sav", "userdata/settings.cfg"})
+    writeBytes(root / save, save);
 }
 
 std::function<void()> helperRun(const fs::path& root, const fs::path& staged) {
@@ -135,6 +100,14 @@ std::function<void()> helperRun(const fs::path& root, const fs::path& staged) {
     execl(TH_UPDATE_HELPER, "tarn-hollow-update-helper", "--wait-pid", self.c_str(), "--replace",
           staged.c_str(), "--target", launcher.c_str(), "--relaunch", launcher.c_str(), nullptr);
   };
+}
+
+bool checkAndApply(const fs::path& root, const std::string& server, fs::path& staged) {
+  update::Updater updater(root);
+  updater.server = server;
+  update::UpdatePlan plan;
+  std::string error;
+  return updater.check("stable", plan, error) && updater.apply(plan, nullptr, error, &staged);
 }
 
 class CrashSafety : public ::testing::Test {
@@ -152,38 +125,18 @@ class CrashSafety : public ::testing::Test {
     return root;
   }
 
-  update::Updater updaterOf(const fs::path& root, update::UpdatePlan& plan) const {
-    update::Updater updater(root);
-    updater.server = nginx.url();
-    std::string error;
-    EXPECT_TRUE(updater.check("stable", plan, error)) << error;
-    return updater;
-  }
-
-  // The apply in a traced child, with its plan made here.
   std::function<void()> applyRun(const fs::path& root) const {
-    update::UpdatePlan plan;
-    return [updater = updaterOf(root, plan), plan]() mutable {
-      std::string error;
+    return [root, server = nginx.url()] {
       fs::path staged;
-      _exit(updater.apply(plan, nullptr, error, &staged) ? 0 : 1);
+      _exit(checkAndApply(root, server, staged) ? 0 : 1);
     };
-  }
-
-  fs::path applyHere(const fs::path& root) const {
-    update::UpdatePlan plan;
-    std::string error;
-    fs::path staged;
-    EXPECT_TRUE(updaterOf(root, plan).apply(plan, nullptr, error, &staged)) << error;
-    return staged;
   }
 
   // What the next launcher start does; true when it handed a launcher to the helper.
   bool nextStart(const fs::path& root) const {
-    const fs::path staged = applyHere(root);
-    if (!staged.empty()) {
-      EXPECT_EQ(runKilledWhen(helperRun(root, staged), kNever), 0);
-    }
+    fs::path staged;
+    EXPECT_TRUE(checkAndApply(root, nginx.url(), staged));
+    EXPECT_TRUE(staged.empty() || runKilledWhen(helperRun(root, staged), after(-1, false)) == 0);
     EXPECT_EQ(snapshotDiff(installSnapshot(expected.path()), installSnapshot(root)), "");
     return !staged.empty();
   }
@@ -193,50 +146,39 @@ class CrashSafety : public ::testing::Test {
   NginxServer nginx{www.path()};
 };
 
-TEST_F(CrashSafety, AnApplyKilledAfterAnyRenameBeforeTheMarkerOrAtRandomIsCompletedNextStart) {
-  int stops = 0, renames = 0;
-  const KillWhen count = [&](const Stop& stop) {
-    renames += isRename(stop) ? 1 : 0;
-    ++stops;
-    return false;
+TEST_F(CrashSafety, AnApplyKilledAfterAnyChangeOrAtRandomIsCompletedByTheNextStart) {
+  int calls = 0, changes = 0;
+  const KillWhen count = [&](const auto& call) {  // through a whole apply, killing nothing
+    changes += changedFiles(call) ? 1 : 0;
+    return ++calls < 0;
   };
   ASSERT_EQ(runKilledWhen(applyRun(oldInstall()), count), 0);
-  // {what, when, whether that moment surely comes}
-  std::vector<std::tuple<std::string, KillWhen, bool>> kills = {
-      {"before the marker", opensMarker, true}};
-  for (int k = 0; k < renames; ++k) {
-    kills.emplace_back("after rename " + std::to_string(k), afterNth(isRename, k), true);
-  }
   const unsigned seed = std::random_device()();
   std::mt19937 random(seed);
-  for (int i = 0; i < 40; ++i) {
-    const int stop = static_cast<int>(random() % stops);
-    kills.emplace_back("at stop " + std::to_string(stop) + ", seed " + std::to_string(seed),
-                       atStop(stop), false);
-  }
-  for (const auto& [what, when, sure] : kills) {
-    SCOPED_TRACE(what);
-    const auto install = oldInstall();
-    const int status = runKilledWhen(applyRun(install), when);
-    EXPECT_TRUE(status == kKilled || !sure) << status;
-    for (const char* executable : {"tarn-hollow", "tarn-hollow-launcher"}) {
-      const fs::path file = install / executable;
-      EXPECT_TRUE(!fs::exists(file) || fileMode(file) == 0755u) << executable;
-    }
+  for (int kill = 0; kill < changes + 30; ++kill) {
+    const bool chosen = kill < changes;
+    const int stop = static_cast<int>(random() % calls);
+    SCOPED_TRACE(chosen ? "after change " + std::to_string(kill)
+                        : "after call " + std::to_string(stop) + ", seed " + std::to_string(seed));
+    const fs::path install = oldInstall();
+    const int status =
+        runKilledWhen(applyRun(install), chosen ? after(kill, true) : after(stop, false));
+    EXPECT_TRUE(status == kKilled || !chosen) << status;
+    for (const fs::path& file : {install / "tarn-hollow", install / "tarn-hollow-launcher"})
+      EXPECT_TRUE(!fs::exists(file) || fileMode(file) == 0755u) << file;
     nextStart(install);
   }
 }
 
 TEST_F(CrashSafety, AHelperKilledAtAnyStepLeavesALauncherAndTheNextStartHandsItOverAgain) {
-  for (int change = -1;; ++change) {
-    SCOPED_TRACE("helper killed after file system change " + std::to_string(change));
+  for (int change = 0;; ++change) {
+    SCOPED_TRACE("helper killed after change " + std::to_string(change));
     const auto install = oldInstall();
     const fs::path launcher = install / "tarn-hollow-launcher";
     const std::string old = readBytes(launcher);
-    const fs::path staged = applyHere(install);
-    if (runKilledWhen(helperRun(install, staged),
-                      change < 0 ? atStop(0) : afterNth(changedFiles, change)) != kKilled)
-      break;
+    fs::path staged;
+    ASSERT_TRUE(checkAndApply(install, nginx.url(), staged));
+    if (runKilledWhen(helperRun(install, staged), after(change, true)) != kKilled) break;
     EXPECT_EQ(fileMode(launcher), 0755u);
     EXPECT_EQ(runProcess({launcher.string()}).exitCode, 0);
     EXPECT_EQ(nextStart(install), readBytes(launcher) == old);
