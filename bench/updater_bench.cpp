@@ -49,9 +49,9 @@ void BM_CheckCurrentInstall(benchmark::State& state) {
 BENCHMARK(BM_CheckCurrentInstall)->Arg(100)->Arg(2000)->Unit(benchmark::kMillisecond);
 
 // A fresh install: download (file://), verify, install by rename, write the marker.
-void BM_ApplyFreshInstall(benchmark::State& state) {
+void applyFreshInstall(benchmark::State& state, int files, size_t bytesEach) {
   th::test::TempDir server;
-  const Release release = largeRelease(static_cast<int>(state.range(0)), 32 << 10);
+  const Release release = largeRelease(files, bytesEach);
   th::test::publishRelease(server.path(), release);
   // Installs outlive the loop so that removing them is not timed.
   std::vector<std::unique_ptr<th::test::TempDir>> installs;
@@ -67,8 +67,16 @@ void BM_ApplyFreshInstall(benchmark::State& state) {
     state.ResumeTiming();
     if (!updater.apply(plan, nullptr, error, nullptr)) state.SkipWithError(error.c_str());
   }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * state.range(0) * (32 << 10)));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * files * bytesEach));
+}
+
+void BM_ApplyFreshInstall(benchmark::State& state) {
+  applyFreshInstall(state, static_cast<int>(state.range(0)), 32 << 10);
 }
 BENCHMARK(BM_ApplyFreshInstall)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
+
+// 1 GiB in 256 files of 4 MiB: here the flushes that make an update durable cost the most.
+void BM_ApplyOneGiB(benchmark::State& state) { applyFreshInstall(state, 256, 4 << 20); }
+BENCHMARK(BM_ApplyOneGiB)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 }  // namespace

@@ -43,18 +43,28 @@ std::string withReason(std::string code, const std::error_code& reason) {
   return reason ? code + ":" + reason.message() : code;
 }
 
-// Moves the installed launcher, if there is one, into the backup area.
-bool moveAside(const fs::path& target, const fs::path& backup, const HelperLog& log,
-               std::string& error) {
+// Keeps the installed launcher, if there is one, in the backup area under a second name while it
+// stays on its own: a hard link, or a copy where links cannot be made (another file system, a
+// file system without links). A backup left by an interrupted run of the same update is
+// replaced.
+bool keepBackup(const fs::path& target, const fs::path& backup, const HelperLog& log,
+                std::string& error) {
   std::error_code reason;
   if (!fs::exists(fs::symlink_status(target, reason))) return true;
   fs::create_directories(backup.parent_path(), reason);
-  fs::rename(target, backup, reason);
+  fs::remove(backup, reason);
+  fs::create_hard_link(target, backup, reason);
+  if (!reason) {
+    log.line("linked old launcher to " + backup.string());
+    return true;
+  }
+  fs::copy_file(target, backup, fs::copy_options::overwrite_existing, reason);
   if (reason) {
     error = withReason("launcher_backup_failed", reason);
     return false;
   }
-  log.line("moved old launcher to " + backup.string());
+  syncPath(backup, O_RDONLY);
+  log.line("copied old launcher to " + backup.string());
   return true;
 }
 
@@ -83,20 +93,18 @@ bool replaceLauncher(const fs::path& staged, const fs::path& target, const Helpe
     error = "staged_launcher_not_a_file";
     return false;
   }
-  // Executable before it takes the launcher's name, so no moment exists without the bit.
+  // At every moment the launcher's name holds a launcher that starts, the old one or the new:
+  // the old one is never taken off its name, and the new one replaces it in one rename, with
+  // its bit and its bytes on disk before.
   fs::permissions(staged, fs::perms(0755), fs::perm_options::replace, reason);
   const fs::path backup = backupFolderFor(staged, workFolderOf(target)) / target.filename();
-  if (!moveAside(target, backup, log, error)) return false;
+  if (!keepBackup(target, backup, log, error)) return false;
+  syncPath(staged, O_RDONLY);
   fs::rename(staged, target, reason);
   if (reason) {
     error = withReason("launcher_rename_failed", reason);
-    std::error_code restore;
-    if (fs::exists(fs::symlink_status(backup, restore))) fs::rename(backup, target, restore);
-    log.line(restore ? "could not put the old launcher back: " + restore.message()
-                     : "old launcher put back");
     return false;
   }
-  syncPath(target, O_RDONLY);
   syncPath(target.parent_path(), O_RDONLY | O_DIRECTORY);
   log.line("installed " + staged.string() + " as " + target.string());
   return true;

@@ -16,8 +16,9 @@ std::filesystem::path workFolderOf(const std::filesystem::path& target);
 std::optional<std::filesystem::path> stagingFolderOf(const std::filesystem::path& staged,
                                                      const std::filesystem::path& workFolder);
 
-// Moves `target` aside into the work folder's backup area, renames `staged` onto it with mode
-// 0755 and flushes it to disk. When the rename fails the old launcher is put back. Error codes:
+// Keeps `target` in the work folder's backup area (a hard link, else a copy), then renames
+// `staged` over it with mode 0755, flushed to disk before and after: `target` is a launcher at
+// every moment, and stays the old one when anything fails. Error codes:
 // "staged_launcher_not_a_file", "launcher_backup_failed", "launcher_rename_failed", each
 // followed by ":" and the system's reason where there is one.
 bool replaceLauncher(const std::filesystem::path& staged, const std::filesystem::path& target,

@@ -2,6 +2,7 @@
 
 #include <SDL3/SDL.h>
 #include <SDL3_image/SDL_image.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <memory>
@@ -60,9 +61,8 @@ void runFrameLoop(LauncherUi& ui, SDL_Renderer* renderer) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// SDL is shut down (renderer, window, SDL_Quit) when this returns.
+int runLauncher(int argc, char** argv) {
   const bool elevated = hasElevatedFlag(argc, argv);
   if (!SDL_Init(SDL_INIT_VIDEO)) return kExitSdlFailed;
   SdlSession session;
@@ -88,3 +88,13 @@ int main(int argc, char** argv) {
   runFrameLoop(ui, renderer.get());
   return 0;
 }
+
+}  // namespace
+
+// The update worker is detached and may still be inside the engine when the window closes. A
+// normal exit would run the process's teardown under its feet: OpenSSL's atexit clean-up frees
+// the digest and signature tables the worker is using, and static destructors of the loaded
+// libraries run, which crashed the launcher when it was closed during a check or an apply.
+// _exit ends all threads at once without that teardown; nothing is buffered that needs flushing,
+// and an interrupted apply is healed by the next start.
+int main(int argc, char** argv) { _exit(runLauncher(argc, argv)); }

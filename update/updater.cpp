@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 #include <system_error>
 #include <utility>
 
+#include "update/disk_flush.h"
 #include "update/platform.h"
 #include "update/signature.h"
 #include "update/text_file.h"
@@ -112,6 +114,9 @@ bool stageFile(const PlannedFile& file, const std::string& filesUrl, const fs::p
   const fs::path staged = stage / file.path;
   if (!httpDownload(joinUrl(filesUrl, file.path), staged, sink, error)) return false;
   if (sha256File(staged) != file.sha256) return fail(error, "download_hash_mismatch:" + file.path);
+  // An executable gets its bit while still staged, so it never carries its installed name
+  // without it.
+  if (file.executable) ::chmod(staged.c_str(), 0755);
   completed += std::max(file.size, fileDone);
   if (progress) progress(std::min(completed, plan.totalBytes), plan.totalBytes);
   return true;
@@ -162,6 +167,7 @@ bool installFile(const PlannedFile& file, const InstallPlaces& places, Journal& 
   }
   fs::rename(places.staged, places.installed, failure);
   if (failure) return fail(error, "update_install_failed:" + file.path);
+  // The staged copy had its bit already; this only matters if that chmod failed.
   if (file.executable) ::chmod(places.installed.c_str(), 0755);
   if (!somethingAt(places.backup)) journal.emplace_back(places.installed, fs::path());
   return true;
@@ -181,6 +187,27 @@ bool installAll(const UpdatePlan& plan, const fs::path& root, const fs::path& st
     if (!installFile(file, places, journal, error)) return false;
   }
   return true;
+}
+
+// Adds `folder` and its parents up to `root`, stopping early at one already added (whose
+// parents are then in as well).
+void addFolderChain(fs::path folder, const fs::path& root, std::set<fs::path>& folders) {
+  while (folders.insert(folder).second && folder != root && folder.has_relative_path()) {
+    folder = folder.parent_path();
+  }
+}
+
+// The marker, and every folder whose entries the install changed: renames into place, into the
+// backup folder and newly made folders are only durable once their folders are flushed.
+void flushInstalled(const Journal& journal, const fs::path& root, const fs::path& marker) {
+  std::set<fs::path> folders;
+  for (const auto& [installed, backup] : journal) {
+    addFolderChain(installed.parent_path(), root, folders);
+    if (!backup.empty()) addFolderChain(backup.parent_path(), root, folders);
+  }
+  addFolderChain(marker.parent_path(), root, folders);
+  flushToDisk(marker);
+  for (const fs::path& folder : folders) flushToDisk(folder);
 }
 
 }  // namespace
@@ -216,15 +243,21 @@ bool Updater::apply(const UpdatePlan& plan, ProgressCallback progress, std::stri
   const fs::path backup = work / ("backup-" + stamp);
   if (!createWorkFolders(stage, backup, error)) return false;
   if (!stageAll(plan, server, stage, progress, error)) return false;
+  // Every staged byte on disk before a rename can put it in place of the old file, whose name it
+  // takes while the old one sits in the backup folder: a power loss would otherwise leave empty
+  // files under the new names. One flush of the file system costs far less than one per file.
+  flushFileSystem(stage);
   Journal journal;
   if (!installAll(plan, root, stage, backup, journal, stagedLauncher, error)) {
     rollback(journal);
     return false;
   }
-  if (!writeTextFile(root / "data" / "game_version", plan.manifest.version + "\n")) {
+  const fs::path marker = root / "data" / "game_version";
+  if (!writeTextFile(marker, plan.manifest.version + "\n")) {
     rollback(journal);
     return fail(error, "version_marker_write_failed");
   }
+  flushInstalled(journal, root, marker);
   // A staged launcher waits for the update helper; otherwise the staging folder is spent.
   // Backups are kept: they are the only copy of the replaced files.
   if (stagedLauncher == nullptr || stagedLauncher->empty()) {
