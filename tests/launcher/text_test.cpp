@@ -12,12 +12,6 @@ namespace {
 using Lines = std::vector<std::string>;
 
 TEST(WrappedLines, LaysOutTextByteForByte) {
-  std::string thirty;
-  Lines first18;
-  for (int i = 0; i < 30; ++i) {
-    thirty += "line " + std::to_string(i) + "\n";
-    if (i < 18) first18.push_back("line " + std::to_string(i));
-  }
   const std::string word100(100, 'w');
   const struct {
     std::string name, text;
@@ -30,7 +24,7 @@ TEST(WrappedLines, LaysOutTextByteForByte) {
       {"tab is a space", "a\tb\t\tc", 40, 5, {"a b c"}},
       {"non-ASCII dropped", "caf\xC3\xA9 ok\n\xE2\x82\xAC\nend", 40, 5, {"caf ok", "end"}},
       {"long word kept whole", "x " + word100 + " y", 74, 5, {"x", word100, "y"}},
-      {"30 lines cut to 18", thirty, 74, 18, first18},
+      {"cut after maxLines", "a\nb\nc", 40, 2, {"a", "b"}},
       {"two lines at once are cut", "aaaa bbbb", 4, 1, {"aaaa"}},
       {"maxLines zero", "anything at all", 10, 0, {}},
   };
