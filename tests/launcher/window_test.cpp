@@ -1,6 +1,6 @@
 // The real launcher, as a player meets it: a copy of the development-key launcher in a scratch
 // install, a real nginx serving a signed release, the window under Xvfb read from screenshots and
-// driven with xdotool. The recorder program stands in for the game and the update helper.
+// driven with xdotool. The recorder program stands in for the game.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -102,41 +102,31 @@ TEST_F(Launcher, ExitsWithOneAndSaysNothingWhenVideoCannotStart) {
   EXPECT_EQ(r.out + r.err, "");
 }
 
-// The game is started as a child of its own, in the install folder, and the launcher closes.
-TEST_F(Launcher, WithoutAServerShowsWhyThenPlayReportsAMissingGameAndReturnStartsIt) {
+// One launcher run: no server, then a mandatory release it installs, then the same release found
+// current, which keeps the game locked.
+TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanly) {
   prepareInstall(root, std::nullopt);
   start();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
   EXPECT_EQ(std::make_pair(screen.width, screen.height), std::make_pair(1040, 640));
   ASSERT_TRUE(click(kPlay));
   ASSERT_TRUE(waitForStatus("GAME EXECUTABLE MISSING", kStatusFailed));
-  record("tarn-hollow");
-  ASSERT_TRUE(display.key(window, "Return"));
-  EXPECT_EQ(launcher->wait(20s), 0);
-  const Lines lines = recorded();
-  EXPECT_EQ(lines, (Lines{lines.at(0), "cwd=" + fs::canonical(root).string(), "arg=tarn-hollow"}));
-  EXPECT_NE(lines.at(0), "pid=" + std::to_string(launcher->pid()));
-  EXPECT_EQ(launcher->out() + launcher->err(), "");
-}
 
-TEST_F(Launcher, AFreshInstallUpdatesAndEndsReadyToPlay) {
-  serve({{"tarn-hollow", "#!/bin/sh\n", true}, {"data/world.pak", std::string(400000, 'w')}});
-  start();
+  serve(
+      {{"tarn-hollow", readBytes(TH_RECORDER), true}, {"data/world.pak", std::string(400000, 'w')}},
+      true);
+  ASSERT_TRUE(click(kRefresh));
   ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal));
   EXPECT_TRUE(showsText(screen, 720, 154, "INSTALLED VERSION 1.3.0", 0.72f, kDetail));
   EXPECT_TRUE(showsText(screen, 720, 342, "UPDATE 100%", 0.82f, kBarLabel));
   EXPECT_EQ(countColour(screen, 700, 327, 1000, 328, kBarFill), 260);
   EXPECT_EQ(readBytes(root / "data" / "game_version"), "1.3.0\n");
   EXPECT_EQ(readBytes(root / "data" / "world.pak"), std::string(400000, 'w'));
-}
 
-TEST_F(Launcher, AMandatoryReleaseKeepsTheGameLockedEvenWhenCurrentAndClosesCleanly) {
-  serve({{"data/world.pak", "world"}}, true, "1.3.0\n");
-  writeBytes(root / "data" / "world.pak", "world");
-  record("tarn-hollow");
-  start();
-  ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal));
-  EXPECT_TRUE(showsText(screen, 720, 154, "VERSION 1.3.0 // stable", 0.72f, kDetail));
+  ASSERT_TRUE(click(kRefresh));
+  ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal, [](const Image& image) {
+    return showsText(image, 720, 154, "VERSION 1.3.0 // stable", 0.72f, kDetail);
+  }));
   EXPECT_EQ(screen.at(722, 517), kRequiredBox);
   EXPECT_TRUE(showsText(screen, 750, 535, "UPDATE REQUIRED", 1.25f, {255, 230, 216}));
   // Input is handled in order: once the refresh has reached the server and ended, Return and
@@ -145,7 +135,10 @@ TEST_F(Launcher, AMandatoryReleaseKeepsTheGameLockedEvenWhenCurrentAndClosesClea
   ASSERT_TRUE(waitUntil(
       [&] {
         const std::string log = server->accessLog();
-        return log.find("manifest.json") != log.rfind("manifest.json");
+        int checks = 0;
+        for (size_t at = 0; (at = log.find("manifest.json", at)) != std::string::npos; ++at)
+          ++checks;
+        return checks == 3;
       },
       90s));
   ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal, [](const Image& image) {
@@ -154,24 +147,54 @@ TEST_F(Launcher, AMandatoryReleaseKeepsTheGameLockedEvenWhenCurrentAndClosesClea
   EXPECT_FALSE(fs::exists(scratch / "started.txt"));
   ASSERT_TRUE(display.requestClose(window));
   EXPECT_EQ(launcher->wait(20s), 0);
+  EXPECT_EQ(launcher->out() + launcher->err(), "");
 }
 
-TEST_F(Launcher, ANewLauncherInTheReleaseIsHandedToTheUpdateHelper) {
-  serve({{"tarn-hollow-launcher", "a newer launcher build\n", true}, {"data/world.pak", "w"}});
-  record("tarn-hollow-update-helper");
+// The game is started as a child of its own, in the install folder, and the launcher closes.
+TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolder) {
+  prepareInstall(root, std::nullopt);
+  record("tarn-hollow");
+  start();
+  ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
+  ASSERT_TRUE(display.key(window, "Return"));
+  EXPECT_EQ(launcher->wait(20s), 0);
+  const Lines lines = recorded();
+  EXPECT_EQ(lines, (Lines{lines.at(0), "cwd=" + fs::canonical(root).string(), "arg=tarn-hollow"}));
+  EXPECT_NE(lines.at(0), "pid=" + std::to_string(launcher->pid()));
+}
+
+// The launcher stages its successor, hands it to the real helper and quits; the helper waits for
+// it, swaps the new file in, keeps the old one with the update's backups and starts it; the new
+// launcher checks again.
+TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
   const std::string running = readBytes(root / "tarn-hollow-launcher");
+  const std::string successor = running + "launcher 1.3.0";  // an ELF loader ignores the tail
+  serve({{"tarn-hollow-launcher", successor, true}, {"data/world.pak", "w"}});
+  fs::copy_file(TH_UPDATE_HELPER, root / "tarn-hollow-update-helper");
   start();
   EXPECT_EQ(launcher->wait(90s), 0);
-  const Lines lines = recorded();
-  ASSERT_EQ(lines.size(), 11u);
-  const std::string target = (root / "tarn-hollow-launcher").string(), staged = lines[6].substr(4);
-  EXPECT_NE(lines[0], "pid=" + std::to_string(launcher->pid()));  // a new process, not this one
-  EXPECT_EQ(lines,
-            (Lines{lines[0], "cwd=" + fs::canonical(root).string(), "arg=tarn-hollow-update-helper",
-                   "arg=--wait-pid", "arg=" + lines[0].substr(4), "arg=--replace", "arg=" + staged,
-                   "arg=--target", "arg=" + target, "arg=--relaunch", "arg=" + target}));
-  EXPECT_EQ(readBytes(staged), "a newer launcher build\n");
-  EXPECT_EQ(readBytes(root / "tarn-hollow-launcher"), running);
+  const fs::path work = root / ".tarnhollow-update";
+  const auto log = [&] { return readBytes(work / "helper.log"); };
+  ASSERT_TRUE(waitUntil([&] { return log().find("relaunched ") != std::string::npos; }, 60s))
+      << log();
+  const std::string parent = "launcher (parent " + std::to_string(launcher->pid()) + ")";
+  EXPECT_NE(log().find("waiting for " + parent + " to exit\n"), std::string::npos) << log();
+  EXPECT_EQ(readBytes(root / "tarn-hollow-launcher"), successor);
+  EXPECT_EQ(fileMode(root / "tarn-hollow-launcher"), 0755u);
+  Lines kept;  // besides the log: this update's backup folder with the old launcher, no staging
+  for (const auto& [path, entry] : snapshotFolder(work)) {
+    if (path != "helper.log") kept.push_back(path);
+  }
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept[1], kept[0] + "/tarn-hollow-launcher");
+  EXPECT_EQ(readBytes(work / kept[1]), running);
+  EXPECT_TRUE(waitUntil(  // the new launcher's own check, then its window is closed
+      [&] {
+        const auto shown = display.waitForWindow(kTitle, 2s);
+        return server->accessLog().find("json") != server->accessLog().rfind("json") && shown &&
+               display.requestClose(*shown);
+      },
+      60s));
 }
 
 }  // namespace
