@@ -75,6 +75,8 @@ ChildProcess::~ChildProcess() {
     kill(SIGKILL);
     wait(std::chrono::seconds(10));
   }
+  // What the program started and left behind in its group (a helper, a relaunched launcher).
+  if (pid_ > 0) ::kill(-pid_, SIGKILL);
   std::error_code ignored;
   std::filesystem::remove(outPath_, ignored);
   std::filesystem::remove(errPath_, ignored);
