@@ -2,7 +2,6 @@
 // one shared record.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 
 #include "launcher/update_job.h"
@@ -11,30 +10,6 @@
 
 namespace th::test {
 namespace {
-
-TEST(LauncherConcurrency, ASnapshotNeverPairsANewStateWithAnOldStatus) {
-  Shared shared;
-  std::atomic<bool> readerDone{false};
-  std::thread worker([&] {  // switches phases and progress for as long as the reader looks
-    for (size_t i = 0; !readerDone; ++i) {
-      if (i % 2 == 0)
-        publishUpdating(shared, i, false);
-      else
-        publishApplyFailed(shared, "download_hash_mismatch:game.pak");
-      progressSink(shared)(i, i + 1);
-    }
-  });
-  int torn = 0;
-  for (int i = 0; i < 20000; ++i) {
-    const Snapshot snap = snapshot(shared);
-    torn += (snap.state == JobState::Updating && snap.status != "DOWNLOADING UPDATE...") ||
-            (snap.state == JobState::Failed && snap.detail != "download_hash_mismatch:game.pak") ||
-            (snap.progressTotal != 0 && snap.progressTotal != snap.progressDone + 1);
-  }
-  readerDone = true;
-  worker.join();
-  EXPECT_EQ(torn, 0);
-}
 
 // A job started while one runs changes nothing; once the first ends, the next one runs.
 TEST(LauncherConcurrency, OnlyOneJobRunsAtATime) {

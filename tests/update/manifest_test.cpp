@@ -42,8 +42,6 @@ TEST(ParseManifest, RejectsWithTheFirstFailingCheckAndLeavesOutputAlone) {
        "manifest_header_invalid"},
       {manifest(R"("product": "Tarn-Hollow", "platform": "linux", "version": "1")", good),
        "manifest_header_invalid"},
-      {manifest(R"("product": "tarn-hollow", "platform": "", "version": "1")", good),
-       "manifest_header_invalid"},
       {manifest(R"("product": "tarn-hollow", "platform": "linux")", good),
        "manifest_header_invalid"},
       {manifest(kHeader, "[" + entry("a") + ", " + entry("save/a.sav") + "]"),
@@ -51,8 +49,6 @@ TEST(ParseManifest, RejectsWithTheFirstFailingCheckAndLeavesOutputAlone) {
       {manifest(kHeader, R"([{ "path": "a", "sha256": ")" + kZero.substr(1) + "\" }]"),
        "manifest_file_invalid"},
       {manifest(kHeader, "[ 1, \"x\", [] ]"), "manifest_has_no_files"},
-      {"{" + kHeader + "}", "manifest_has_no_files"},
-      {"{" + kHeader + ", \"files\": {}}", "manifest_has_no_files"},
       {"{" + kHeader + ", \"files\": [", "manifest_has_no_files"},
   };
   for (const auto& row : table) {
@@ -94,8 +90,6 @@ TEST(ParseManifest, ReadsFieldsByTextSearchWithItsQuirks) {
        "1|tarn-hollow||linux|1|0||M|inner|a,0"},
       {rest, "[" + entry("a", R"(, "size": -5, "executable": "true")") + "]", plain + "|a,0"},
       {rest, "[" + entry("a", R"(, "size": 12.7, "executable": true)") + "]", plain + "|a,12,x"},
-      {rest, "[" + entry("a", R"(, "size": 1e3)") + "]", plain + "|a,1"},
-      {rest, "[" + entry("a", R"(, "size": +9)") + "]", plain + "|a,0"},
       {rest, "[" + entry("a", R"(, "size": 18446744073709551617)") + "]", plain + "|a,1"},
       {rest, "[" + entry("x\\u002e") + "]", plain + "|xu002e,0"},
       {rest, R"([{ "meta": { "path": "inner" }, "path": "outer", "sha256": ")" + kZero + "\" }]",

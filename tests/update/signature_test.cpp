@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "tests/support/release_builder.h"
 #include "tests/support/files.h"
+#include "tests/support/release_builder.h"
 #include "update/signature.h"
 
 #if !defined(TH_SIGNING_PRIVATE_KEY) || !defined(TH_SIGNING_PUBLIC_KEY) || \
