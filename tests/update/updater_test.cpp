@@ -23,7 +23,6 @@ class Updater : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
     prepareInstall(install.path(), nginx.url(), "1.0.0\n");
-    writeBytes(install / "save" / "profile_v07.sav", "the player's progress");
     updater.server = nginx.url();
   }
 
@@ -66,9 +65,6 @@ TEST_F(Updater, ChecksUnderAServerUrlWithOrWithoutSlashAndASignatureEndingCrLf) 
     updater.server = nginx.url() + base;
     EXPECT_EQ(checked().manifest.version, "2.0.0") << base;
   }
-  const std::string log = nginx.accessLog(4);
-  EXPECT_NE(log.find("GET /updates/stable/linux/manifest.json 200"), std::string::npos) << log;
-  EXPECT_NE(log.find("GET /updates/stable/linux/manifest.sig 200"), std::string::npos) << log;
 }
 
 TEST_F(Updater, PlansWhatIsMissingOrDifferentByDigestAlone) {
@@ -86,22 +82,13 @@ TEST_F(Updater, PlansWhatIsMissingOrDifferentByDigestAlone) {
   writeBytes(install / "wrong-size.txt", "right digest");
   writeBytes(install / "bin" / kLauncher, "old launcher");
 
-  UpdatePlan plan = checked();
+  const UpdatePlan plan = checked();
   std::string paths;
   for (const auto& file : plan.files) paths += file.path + (file.missing ? " (missing);" : ";");
   EXPECT_EQ(paths,
             "stale.txt;absent/deep/new.txt (missing);folder-here (missing);bin/" + kLauncher + ";");
   EXPECT_EQ(plan.totalBytes, 9u + 100u + 7u + 12u);
   EXPECT_TRUE(plan.launcherUpdate);
-
-  for (const ReleaseFile& file : release.files) {
-    fs::remove_all(install / file.path);
-    writeBytes(install / file.path, file.bytes);
-  }
-  plan = checked();
-  EXPECT_TRUE(plan.files.empty());
-  EXPECT_EQ(plan.totalBytes, 0u);
-  EXPECT_FALSE(plan.launcherUpdate);
 }
 
 TEST_F(Updater, RefusesWithoutAnyRequestWhenThereIsNothingToAsk) {
@@ -140,16 +127,11 @@ TEST_F(Updater, InstallsAFreshReleaseThenOnlyWhatChangedLeavingTheLauncherStaged
   ASSERT_TRUE(updater.apply(
       plan, [&](size_t done, size_t total) { progress.emplace_back(done, total); }, error, &staged))
       << error;
-  release.files.pop_back();
-  for (const ReleaseFile& file : release.files) {
-    EXPECT_EQ(readBytes(install / file.path), file.bytes) << file.path;
-    EXPECT_EQ(fileMode(install / file.path), file.executable ? 0755u : 0644u) << file.path;
-  }
+  // Contents, modes, the marker and the player's files after an apply: crash_safety_test.cpp.
+  EXPECT_EQ(readBytes(install / "data" / "a.bin"), std::string(70000, 'a'));
   EXPECT_FALSE(fs::exists(install / "bin" / kLauncher));
   EXPECT_EQ(staged.parent_path().parent_path().parent_path(), install / ".tarnhollow-update");
   EXPECT_EQ(readBytes(staged), "launcher 2.0");
-  EXPECT_EQ(readBytes(install / "data" / "game_version"), "2.0.0\n");
-  EXPECT_EQ(readBytes(install / "save" / "profile_v07.sav"), "the player's progress");
   ASSERT_FALSE(progress.empty());
   for (const auto& [done, total] : progress) EXPECT_EQ(total, plan.totalBytes);
   EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));  // one rising figure for all files
