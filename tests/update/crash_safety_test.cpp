@@ -96,6 +96,9 @@ void layOut(const fs::path& root, const Release& release, const std::string& ser
 std::function<void()> helperRun(const fs::path& root, const fs::path& staged) {
   return [launcher = (root / "tarn-hollow-launcher").string(), staged = staged.string()] {
     const std::string self = std::to_string(getpid());  // not the launcher: no wait
+    // LeakSanitizer stops the world with ptrace at exit, which a traced process cannot allow.
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    setenv("ASAN_OPTIONS", (std::string(asan ? asan : "") + ":detect_leaks=0").c_str(), 1);
     execl(TH_UPDATE_HELPER, "tarn-hollow-update-helper", "--wait-pid", self.c_str(), "--replace",
           staged.c_str(), "--target", launcher.c_str(), "--relaunch", launcher.c_str(), nullptr);
   };
