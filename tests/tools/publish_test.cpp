@@ -1,3 +1,5 @@
+// tarn-hollow-publish as a studio runs it: releases checked and served by a real nginx, refusals,
+// keys, verify and the command line.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -12,11 +14,10 @@
 #include "update/signature.h"
 #include "update/updater.h"
 
-namespace fs = std::filesystem;
-using th::test::readBytes;
-using th::test::writeBytes;
-
+namespace th::test {
 namespace {
+
+namespace fs = std::filesystem;
 
 const std::string kNotes =
     "Faster loading.\nFixed a \"ghost\" crash in C:\\Games\\Tarn.\r\n\tCaf\xc3\xa9 {braces} [and] "
@@ -26,7 +27,7 @@ const std::string kNotes =
 const std::string kOddName = "data/odd-name_(v2)+final;@'!$&*,=~.txt";
 
 struct Studio {
-  th::test::TempDir scratch;
+  TempDir scratch;
   fs::path release = scratch / "release";
   fs::path server = scratch / "server";
   fs::path notes = scratch / "notes.txt";
@@ -41,13 +42,13 @@ struct Studio {
     writeBytes(notes, kNotes);
   }
 
-  th::test::ProcessResult publish(const std::string& version, std::vector<std::string> extra = {},
-                                  const char* tool = TH_PUBLISH_DEVKEY,
-                                  const char* key = TH_DEV_PRIVATE_KEY) const {
+  ProcessResult publish(const std::string& version, std::vector<std::string> extra = {},
+                        const char* tool = TH_PUBLISH_DEVKEY,
+                        const char* key = TH_DEV_PRIVATE_KEY) const {
     std::vector<std::string> argv{tool,    "release", "--from", release.string(), "--version",
                                   version, "--key",   key,      "--server-root",  server.string()};
     argv.insert(argv.end(), extra.begin(), extra.end());
-    return th::test::runProcess(argv);
+    return runProcess(argv);
   }
 };
 
@@ -68,10 +69,10 @@ TEST(Publish, ReleaseIsCheckedAndAppliedByTheEngineThenUpdatedIncrementally) {
                                (studio.server / "stable" / "linux").string() + "\n");
   EXPECT_NE(published.err.find("hashing: 6/6 files, 17.1 of 17.1 MiB (100%)\n"), std::string::npos)
       << published.err;
-  th::test::NginxServer nginx(studio.server);
+  NginxServer nginx(studio.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
-  th::test::TempDir install;
-  th::test::prepareInstall(install.path(), nginx.url(), "1.0.0");
+  TempDir install;
+  prepareInstall(install.path(), nginx.url(), "1.0.0");
   th::update::Updater updater(install.path());
   updater.server = nginx.url();
 
@@ -88,7 +89,7 @@ TEST(Publish, ReleaseIsCheckedAndAppliedByTheEngineThenUpdatedIncrementally) {
                                       "data/linked.dat", kOddName, "tarn-hollow"}));
   ASSERT_TRUE(updater.apply(plan, {}, error, nullptr)) << error;
   EXPECT_EQ(readBytes(install / "tarn-hollow"), readBytes(studio.release / "tarn-hollow"));
-  EXPECT_EQ(th::test::fileMode(install / "tarn-hollow"), 0755u);
+  EXPECT_EQ(fileMode(install / "tarn-hollow"), 0755u);
   EXPECT_EQ(readBytes(install / "data" / "linked.dat"), std::string(70000, 'L'));
   EXPECT_EQ(readBytes(install / kOddName), "odd");
   EXPECT_EQ(readBytes(install / "data" / "game_version"), "1.1.0\n");
@@ -103,25 +104,24 @@ TEST(Publish, ReleaseIsCheckedAndAppliedByTheEngineThenUpdatedIncrementally) {
 }
 
 TEST(Keygen, WritesAPairWhosePrintedFingerprintIsThePublicFilesHash) {
-  th::test::TempDir dir;
-  const auto made = th::test::runProcess({TH_PUBLISH_DEVKEY, "keygen", "--out", dir / "keys"});
+  TempDir dir;
+  const auto made = runProcess({TH_PUBLISH_DEVKEY, "keygen", "--out", dir / "keys"});
   ASSERT_EQ(made.exitCode, 0) << made.err;
   const fs::path publicKey = dir / "keys" / "update-public-key.pem";
   const fs::path privateKey = dir / "keys" / "update-private-key.pem";
   const std::string fingerprint = th::update::sha256File(publicKey);
   EXPECT_NE(made.out.find("fingerprint: " + fingerprint + "\n"), std::string::npos) << made.out;
-  EXPECT_EQ(th::test::fileMode(privateKey), 0600u);
-  const auto derived =
-      th::test::runProcess({"/usr/bin/openssl", "pkey", "-in", privateKey, "-pubout"});
+  EXPECT_EQ(fileMode(privateKey), 0600u);
+  const auto derived = runProcess({"/usr/bin/openssl", "pkey", "-in", privateKey, "-pubout"});
   EXPECT_EQ(derived.out, readBytes(publicKey));
 
-  const auto again = th::test::runProcess({TH_PUBLISH_DEVKEY, "keygen", "--out", dir / "keys"});
+  const auto again = runProcess({TH_PUBLISH_DEVKEY, "keygen", "--out", dir / "keys"});
   EXPECT_EQ(again.exitCode, 1);
   EXPECT_EQ(readBytes(publicKey), derived.out);
 }
 
 // The tool names every problem at once, and a refused release leaves no trace on the server.
-void expectRefused(const Studio& studio, const th::test::ProcessResult& result,
+void expectRefused(const Studio& studio, const ProcessResult& result,
                    const std::vector<std::string>& lines) {
   std::string expected = "tarn-hollow-publish: refused, nothing was published:\n";
   for (const std::string& line : lines) expected += "  " + line + "\n";
@@ -189,7 +189,7 @@ TEST(Publish, RefusesEmptyOrMissingReleasesAndKeysThatCannotSignOrAreNotPinned) 
   fs::remove_all(empty.release);
   fs::create_directories(empty.release / "empty");
   const std::string ed25519 = (empty.scratch / "ed.pem").string();
-  th::test::runProcess({"/usr/bin/openssl", "genpkey", "-algorithm", "ed25519", "-out", ed25519});
+  runProcess({"/usr/bin/openssl", "genpkey", "-algorithm", "ed25519", "-out", ed25519});
   expectRefused(empty, empty.publish("1.1.0", {}, TH_PUBLISH_DEVKEY, ed25519.c_str()),
                 {ed25519 + ": this key cannot make SHA-256 signatures (use EC or RSA)",
                  empty.release.string() + ": holds no files"});
@@ -227,7 +227,7 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
     SCOPED_TRACE(row.start);
     std::vector<std::string> argv{TH_PUBLISH_DEVKEY};
     argv.insert(argv.end(), row.args.begin(), row.args.end());
-    const auto result = th::test::runProcess(argv);
+    const auto result = runProcess(argv);
     EXPECT_EQ(result.exitCode, row.exitCode);
     if (row.exitCode == 2) {
       EXPECT_EQ(result.err.substr(0, result.err.find("usage:")),
@@ -238,4 +238,38 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
   }
 }
 
+// What players will download, checked end to end through the engine.
+void expectVerify(const std::string& url, const std::vector<std::string>& problems) {
+  const ProcessResult result = runProcess({TH_PUBLISH_DEVKEY, "verify", "--url", url});
+  std::string report =
+      "tarn-hollow-publish: " + url + "/stable/linux does not serve a good release:\n";
+  for (const std::string& line : problems) report += "  " + line + "\n";
+  EXPECT_EQ(result.exitCode, problems.empty() ? 0 : 1) << result.err;
+  EXPECT_EQ(result.err, problems.empty() ? "" : report);
+}
+
+TEST(Verify, PassesAServedReleaseAndNamesWhateverIsBad) {
+  TempDir root;
+  NginxServer nginx(root.path());
+  Release release;
+  release.files = {{"tarn-hollow", "#!/bin/sh\n", true}, {"data/a.txt", "a"}};
+  publishRelease(root.path(), release);
+  expectVerify(nginx.url(), {});
+  const std::filesystem::path files = channelFolder(root.path()) / "files";
+  writeBytes(files / "data" / "a.txt", "b");
+  std::filesystem::remove(files / "tarn-hollow");
+  expectVerify(nginx.url(),
+               {"tarn-hollow: cannot be downloaded: HTTP response code said error",
+                "data/a.txt: SHA-256 " + sha256Hex("b") + ", the manifest says " + sha256Hex("a")});
+  release.files.push_back({"data/size.txt", "s", false, 2});
+  publishRelease(root.path(), release);
+  expectVerify(nginx.url(), {"data/size.txt: 1 bytes, the manifest says 2"});
+  const std::string manifest = publishRelease(root.path(), release);
+  publishRawManifest(root.path(), manifest, signHex(manifest, TH_DEV_RSA_PRIVATE_KEY));
+  expectVerify(nginx.url(), {"the manifest is refused: manifest_signature_verify_failed"});
+  expectVerify("http://127.0.0.1:1",  // nothing listens on port 1
+               {"the manifest cannot be fetched: Couldn't connect to server"});
+}
+
 }  // namespace
+}  // namespace th::test
