@@ -30,23 +30,11 @@ class Launcher : public ::testing::Test {
   }
 
   // Serves a 1.3.0 release from a real nginx and points the install at it.
-  void serve(std::vector<ReleaseFile> files, bool mandatory = false,
-             const std::optional<std::string>& marker = std::nullopt) {
+  void serve(std::vector<ReleaseFile> files, bool mandatory = false) {
     publishRelease(scratch / "www", Release{"1.3.0", std::move(files), mandatory, ""});
     server = std::make_unique<NginxServer>(scratch / "www");
     ASSERT_TRUE(server->ok()) << server->errorLog();
-    prepareInstall(root, server->url(), marker);
-  }
-
-  // The program (game or helper) that the recorder replaces, and what it recorded once it ran:
-  // "pid=...", "cwd=...", then "arg=..." for each argument.
-  void record(const std::string& program) { fs::copy_file(TH_RECORDER, root / program); }
-  Lines recorded() const {
-    Lines lines;
-    waitUntil([&] { return fs::exists(scratch / "started.txt"); }, 20s);
-    std::istringstream in(readBytes(scratch / "started.txt"));
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
+    prepareInstall(root, server->url());
   }
 
   ProcessOptions options() const {
@@ -153,12 +141,16 @@ TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanl
 // The game is started as a child of its own, in the install folder, and the launcher closes.
 TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolder) {
   prepareInstall(root, std::nullopt);
-  record("tarn-hollow");
+  fs::copy_file(TH_RECORDER, root / "tarn-hollow");
   start();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
   ASSERT_TRUE(display.key(window, "Return"));
   EXPECT_EQ(launcher->wait(20s), 0);
-  const Lines lines = recorded();
+  // The recorder wrote "pid=...", "cwd=...", then "arg=..." for each argument.
+  ASSERT_TRUE(waitUntil([&] { return fs::exists(scratch / "started.txt"); }, 20s));
+  Lines lines;
+  std::istringstream in(readBytes(scratch / "started.txt"));
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   EXPECT_EQ(lines, (Lines{lines.at(0), "cwd=" + fs::canonical(root).string(), "arg=tarn-hollow"}));
   EXPECT_NE(lines.at(0), "pid=" + std::to_string(launcher->pid()));
 }
