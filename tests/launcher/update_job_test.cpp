@@ -33,6 +33,8 @@ TEST(UpdateJob, EndsInThePhaseTheReleaseAndTheInstallCallFor) {
        "VERSION MARKER UPDATE FAILED", "EXPECTED 1.3.0 // FOUND 1.2.0", true, false, false},
       {"an update", "1.3.0", "", "1.2.0\n", false, false, false, JobState::Ready, "READY TO PLAY",
        "INSTALLED VERSION 1.3.0", false, false, true},
+      {"a file of the installed version missing", "1.3.0", "", "1.3.0\n", false, false, false,
+       JobState::Ready, "READY TO PLAY", "INSTALLED VERSION 1.3.0", false, false, true},
   };
   for (const auto& row : table) {
     SCOPED_TRACE(row.name);

@@ -94,9 +94,11 @@ TEST_F(Launcher, ExitsWithOneAndSaysNothingWhenVideoCannotStart) {
 // current, which keeps the game locked.
 TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanly) {
   prepareInstall(root, std::nullopt);
+  writeBytes(root / "save" / "profile_v07.sav", "an old save");  // copied once at start
   start();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
   EXPECT_EQ(std::make_pair(screen.width, screen.height), std::make_pair(1040, 640));
+  EXPECT_EQ(readBytes(scratch / "xdg/tarn-hollow/saves/profile_v07.sav"), "an old save");
   ASSERT_TRUE(click(kPlay));
   ASSERT_TRUE(waitForStatus("GAME EXECUTABLE MISSING", kStatusFailed));
 

@@ -133,9 +133,9 @@ void expectRefused(const Studio& studio, const ProcessResult& result,
 TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   Studio s;
   // Which names the launcher refuses is the engine's own table; one of them stands for all here.
-  for (const char* name :
-       {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
-        "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme", ".tarnhollow-update"}) {
+  for (const char* name : {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
+                           "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme",
+                           ".tarnhollow-update", "100%.txt"}) {
     writeBytes(s.release / name, "x");
   }
   fs::create_symlink("../../notes.txt", s.release / "data" / "up");
@@ -145,10 +145,11 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   writeBytes(s.notes, "beep\x07");
   s.server = s.release / "srv";
 
-  const auto result = s.publish("1..2",
-                                {"--notes", s.notes.string(), "--minimum-online-version",
-                                 "1.2147483648", "--protocol-version", "-1", "--channel", "a/b"},
-                                TH_PUBLISH_DEVKEY, TH_DEV_PUBLIC_KEY);
+  const auto result =
+      s.publish("1..2",
+                {"--notes", s.notes.string(), "--minimum-online-version", "1.2147483648",
+                 "--protocol-version", "-1", "--channel", "a/b", "--platform", ".."},
+                TH_PUBLISH_DEVKEY, TH_DEV_PUBLIC_KEY);
 
   expectRefused(
       s, result,
@@ -156,11 +157,14 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
        "--minimum-online-version '1.2147483648' is not a dotted number like 1.4.0",
        "--protocol-version '-1' is not a whole number from 0 to 2147483647",
        "--channel 'a/b' must be letters, digits, '.', '_' or '-', not starting with '.'",
+       "--platform '..' must be letters, digits, '.', '_' or '-', not starting with '.'",
        s.notes.string() + ": release notes hold a control character other than tab or line end, "
                           "which the launcher cannot read",
        s.server.string() + ": the server root lies inside the release",
        std::string(TH_DEV_PUBLIC_KEY) + ": not an unencrypted PEM private key",
        ".tarnhollow-update: would displace the updater's work folder",
+       "100%.txt: characters the launcher cannot fetch (names may hold letters, digits and - . _ "
+       "~ ! $ & ' ( ) * + , ; = @)",
        "bin/tarn-hollow-launcher: the launcher takes any file named tarn-hollow-launcher for "
        "itself and hands it to the update helper on every start; it belongs at the top",
        "broken: cannot be read (broken symbolic link: No such file or directory)",
@@ -217,6 +221,7 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
       {{"keygen"}, 2, "missing --out"},
       {{"verify"}, 2, "missing --url"},
       {{"release", "--from"}, 2, "missing value for --from"},
+      {{"release", "--from", "r", "--version", "1", "--key", "k"}, 2, "missing --server-root"},
       {{"release", "--mandatory", "--mandatory"}, 2, "repeated --mandatory"},
       {{"release", "--force"}, 2, "unknown argument '--force'"},
       {{"-h"}, 0, "usage: tarn-hollow-publish keygen --out DIR\n       tarn"},
