@@ -37,8 +37,9 @@ class Http : public ::testing::Test {
   // /hopN redirects to /hop(N-1), /hop1 to the file: chains of known length.
   NginxServer nginx{www.path(), [this] {
                       writeBytes(www / "hello.txt", "hello from nginx\n");
-                      writeBytes(www / "big.bin", std::string(300000, 'z'));
+                      writeBytes(www / "big.bin", std::string(3000000, 'z'));
                       std::string config = "location = /loop { return 302 /loop; }\n";
+                      config += "location = /big.bin { limit_rate 2m; }\n";  // progress mid-way
                       config += "location = /hop1 { return 302 /hello.txt; }\n";
                       for (int n = 2; n <= 6; ++n) {
                         config += "location = /hop" + std::to_string(n) + " { return 301 /hop" +
@@ -78,9 +79,9 @@ TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
       nginx.url() + "/big.bin", destination,
       [&](size_t done, size_t total) { progress.emplace_back(done, total); }, error))
       << error;
-  EXPECT_EQ(readBytes(destination), std::string(300000, 'z'));
+  EXPECT_EQ(readBytes(destination), std::string(3000000, 'z'));
   ASSERT_FALSE(progress.empty());
-  EXPECT_EQ(progress.back(), std::make_pair(size_t{300000}, size_t{300000}));
+  EXPECT_EQ(progress.back(), std::make_pair(size_t{3000000}, size_t{3000000}));
   for (const auto& [done, total] : progress) EXPECT_LE(done, total);
   EXPECT_NE(nginx.accessLog(1).find("GET /big.bin 200 \"TarnHollowLauncher/1.0.3\""),
             std::string::npos);
