@@ -9,25 +9,21 @@
 
 namespace th::test {
 
-// A real nginx (/usr/sbin/nginx) owned by the test: its own configuration, prefix, temporary
-// folders, logs and pid file live in a private TempDir, and it listens on a free port of
-// 127.0.0.1. It runs as one process without a user switch, so it works as root and as a normal
-// user alike. Stopped (with its whole process group) when the object goes out of scope.
+// A real nginx serving `documentRoot` on a port of 127.0.0.1, with its configuration, logs and
+// temporary folders in a private folder; stopped with its process group at scope end.
+// `extraServerConfig` is pasted into the server block (`location = /loop { return 302 /loop; }`).
 class NginxServer {
  public:
-  // Serves the files under `documentRoot`. `extraServerConfig` is pasted into the server block,
-  // for example `location = /loop { return 302 /loop; }`.
   explicit NginxServer(const std::filesystem::path& documentRoot,
                        const std::string& extraServerConfig = "");
   ~NginxServer();
   NginxServer(const NginxServer&) = delete;
   NginxServer& operator=(const NginxServer&) = delete;
 
-  // True once nginx accepts connections; false when it could not be started (see errorLog()).
-  bool ok() const { return process_ != nullptr; }
-  std::string url() const;  // "http://127.0.0.1:PORT", no trailing slash
-  // One line per request: `METHOD URI STATUS "USER-AGENT"`. nginx writes a line only after the
-  // response has gone out, so this waits (up to 10 s) until at least `requests` lines are there.
+  bool ok() const { return process_ != nullptr; }  // false: see errorLog()
+  std::string url() const;                         // "http://127.0.0.1:PORT"
+  // `METHOD URI STATUS "USER-AGENT"` per request, once at least `requests` lines are there (nginx
+  // logs a request after answering it; waits up to 10 s).
   std::string accessLog(size_t requests = 0) const;
   std::string errorLog() const;
 

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <sstream>
 
 namespace th::test {
 namespace {
@@ -75,27 +74,19 @@ std::optional<std::string> XvfbDisplay::waitForWindow(const std::string& title,
   std::vector<std::string> search{"/usr/bin/xdotool", "search", "--onlyvisible"};
   if (owner > 0) search.insert(search.end(), {"--pid", std::to_string(owner)});
   search.insert(search.end(), {"--name", "^" + title + "$"});
-  std::optional<std::string> found;
+  std::string found;
   waitUntil(
       [&] {
-        ProcessResult r = tool(search);
-        std::istringstream lines(r.out);
-        std::string id;
-        if (r.exitCode == 0 && std::getline(lines, id) && !id.empty()) found = id;
-        return found.has_value();
+        const std::string out = tool(search).out;
+        return !(found = out.substr(0, out.find('\n'))).empty();
       },
       timeout);
-  return found;
+  return found.empty() ? std::nullopt : std::optional(found);
 }
 
-bool XvfbDisplay::click(const std::string& window, int x, int y) const {
-  return tool({"/usr/bin/xdotool", "mousemove", "--window", window, std::to_string(x),
-               std::to_string(y), "click", "1"})
-             .exitCode == 0;
-}
-
-bool XvfbDisplay::key(const std::string& window, const std::string& keyName) const {
-  return tool({"/usr/bin/xdotool", "key", "--window", window, keyName}).exitCode == 0;
+bool XvfbDisplay::xdotool(std::vector<std::string> args) const {
+  args.insert(args.begin(), "/usr/bin/xdotool");
+  return tool(args).exitCode == 0;
 }
 
 bool XvfbDisplay::requestClose(const std::string& window) const {

@@ -19,38 +19,40 @@ struct Rgb {
 };
 
 struct Image {
-  int width = 0;
-  int height = 0;
+  int width = 0, height = 0;
   std::vector<std::uint8_t> rgb;  // row-major, 3 bytes per pixel
   Rgb at(int x, int y) const;
 };
 
-// A private X server (Xvfb) on a free display number, stopped at scope end. Windows are
-// inspected with xdotool and ImageMagick's `import`, as a player's desktop would show them.
+// A private X server (Xvfb) on a free display, stopped at scope end; windows are found, driven
+// and photographed with xdotool and ImageMagick's `import`, as a player's desktop shows them.
 class XvfbDisplay {
  public:
   XvfbDisplay();
   ~XvfbDisplay();
 
   bool ok() const { return server_ != nullptr; }
-  const std::string& name() const { return name_; }  // for example ":57"
-  // Options that run a program on this display with SDL's deterministic software renderer.
+  // Runs a program on this display with SDL's deterministic software renderer.
   ProcessOptions optionsFor(ProcessOptions options = {}) const;
-
-  // The id of the first visible window with exactly this title, waiting up to `timeout`. With
-  // `owner`, only that process's windows count: a window of a program that has just exited can
-  // outlive it for a moment, until the server has handled the closed connection.
+  // The first visible window with exactly this title, of process `owner` if given (a window of a
+  // program that has just exited can outlive it for a moment).
   std::optional<std::string> waitForWindow(const std::string& title,
                                            std::chrono::milliseconds timeout,
                                            pid_t owner = 0) const;
-  bool click(const std::string& window, int x, int y) const;
-  bool key(const std::string& window, const std::string& keyName) const;
-  // Asks the window to close the way a window manager's close button does (WM_DELETE_WINDOW).
+  bool click(const std::string& window, int x, int y) const {
+    return xdotool(
+        {"mousemove", "--window", window, std::to_string(x), std::to_string(y), "click", "1"});
+  }
+  bool key(const std::string& window, const std::string& name) const {
+    return xdotool({"key", "--window", window, name});
+  }
+  // What a window manager's close button sends (WM_DELETE_WINDOW).
   bool requestClose(const std::string& window) const;
   std::optional<Image> screenshot(const std::string& window) const;
 
  private:
   ProcessResult tool(const std::vector<std::string>& argv) const;
+  bool xdotool(std::vector<std::string> args) const;
 
   std::string name_;
   std::unique_ptr<ChildProcess> server_;

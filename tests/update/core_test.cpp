@@ -1,8 +1,9 @@
-// Versions, safe paths and text files: the engine's pure pieces. Hashing is checked against an
-// independent digest by every test that installs a release.
+// The engine's pure pieces: versions, safe paths, text files and the manifest parser. Hashing is
+// checked against an independent digest by every test that installs a release.
 #include <gtest/gtest.h>
 
 #include "tests/support/files.h"
+#include "update/manifest.h"
 #include "update/safe_path.h"
 #include "update/text_file.h"
 #include "update/version.h"
@@ -62,6 +63,117 @@ TEST(TextFile, RoundTripsBytesCreatesParentsAndTruncates) {
   EXPECT_EQ(readBytes(dir / "a" / "b" / "f.bin"), "new");
   EXPECT_FALSE(writeTextFile(dir / "a" / "b" / "f.bin" / "child.txt", "x"));
   EXPECT_EQ(readTextFile(dir / "missing"), "");
+}
+
+const std::string kZero = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+const std::string kSome = "5d41c0e7a09e3a4b6f28c1d9e7b05f3a2c8d4e6f1a0b9c7d3e5f2a4b6c8d0e1f";
+const std::string kHeader =
+    R"("product": "tarn-hollow", "platform": "linux", "version": "1", "channel": "stable")";
+
+std::string entry(const std::string& path, const std::string& extra = "") {
+  return R"({ "path": ")" + path + R"(", "sha256": ")" + kZero + "\"" + extra + " }";
+}
+std::string manifest(const std::string& header, const std::string& files) {
+  return "{\n  " + header + ",\n  \"files\": " + files + "\n}";
+}
+
+// Every field in one line, so that "untouched" and "replaced" compare the whole record.
+std::string describe(const Manifest& m) {
+  std::string text = std::to_string(m.format) + "|" + m.product + "|" + m.channel + "|" +
+                     m.platform + "|" + m.version + "|" + std::to_string(m.protocolVersion) + "|" +
+                     m.minimumOnlineVersion + "|" + (m.mandatory ? "M" : "-") + "|" +
+                     m.releaseNotes;
+  for (const auto& f : m.files) {
+    text += "|" + f.path + (f.sha256 == kZero ? "" : "," + f.sha256) + "," +
+            std::to_string(f.size) + (f.executable ? ",x" : "");
+  }
+  return text;
+}
+
+TEST(ParseManifest, RejectsWithTheFirstFailingCheckAndLeavesOutputAlone) {
+  const std::string good = "[" + entry("a") + "]";
+  const struct {
+    std::string text, error;
+  } table[] = {
+      {manifest(R"("format": 2, )" + kHeader, "[" + entry("../x") + "]"),
+       "manifest_header_invalid"},
+      {manifest(R"("product": "Tarn-Hollow", "platform": "linux", "version": "1")", good),
+       "manifest_header_invalid"},
+      {manifest(R"("product": "tarn-hollow", "platform": "linux")", good),
+       "manifest_header_invalid"},
+      {manifest(kHeader, "[" + entry("a") + ", " + entry("save/a.sav") + "]"),
+       "manifest_file_invalid"},
+      {manifest(kHeader, R"([{ "path": "a", "sha256": ")" + kZero.substr(1) + "\" }]"),
+       "manifest_file_invalid"},
+      {manifest(kHeader, "[ 1, \"x\", [] ]"), "manifest_has_no_files"},
+      {"{" + kHeader + ", \"files\": [", "manifest_has_no_files"},
+  };
+  for (const auto& row : table) {
+    Manifest out;
+    out.version = "0.9";
+    std::string error = "previous";
+    EXPECT_FALSE(parseManifest(row.text, out, error)) << row.text;
+    EXPECT_EQ(error, row.error) << row.text;
+    EXPECT_EQ(describe(out), "1||||0.9|0||-|") << row.text;
+  }
+}
+
+TEST(ParseManifest, ReadsFieldsByTextSearchWithItsQuirks) {
+  const std::string rest = R"("product": "tarn-hollow", "platform": "linux", "version": "1")";
+  const std::string plain = "1|tarn-hollow||linux|1|0||-|";
+  const struct {
+    std::string header, files, expected;
+  } table[] = {
+      {R"("format": 1, "product": "tarn-hollow", "channel": "stable", "platform": "linux",
+         "version": "1.4.2", "protocol_version": 3, "minimum_online_version": "1.4.0",
+         "mandatory": false, "release_notes": "Faster loading.\nFixed a crash.")",
+       R"([{ "path": "tarn-hollow", "sha256": ")" + kSome + R"(", "size": 48211968,
+             "executable": true }, )" +
+           entry("data/empty.flag", R"(, "size": 0)") + "]",
+       "1|tarn-hollow|stable|linux|1.4.2|3|1.4.0|-|Faster loading.\nFixed a crash.|tarn-hollow," +
+           kSome + ",48211968,x|data/empty.flag,0"},
+      {R"("format": "1", )" + rest, "[" + entry("a") + "]", plain + "|a,0"},
+      {R"("format": 4294967297, "protocol_version": 4294967299, )" + rest, "[" + entry("a") + "]",
+       "1|tarn-hollow||linux|1|3||-||a,0"},
+      {R"("protocol_version": -7, "mandatory": trueish, )" + rest, "[" + entry("a") + "]",
+       "1|tarn-hollow||linux|1|-7||M||a,0"},
+      {R"("mandatory": "true", "release_notes": "a\nb\tc\\d\/e\"f\bg\u00e9", )" + rest,
+       "[" + entry("a") + "]", plain + "a\nb\tc\\d/e\"fbgu00e9|a,0"},
+      // The first occurrence wins, key or value: "version" is first seen as the channel's value.
+      {R"("channel": "version", "platform": "linux", "version": "1.4.2", "product": "tarn-hollow")",
+       "[" + entry("a") + "]", "1|tarn-hollow|version|linux|linux|0||-||a,0"},
+      // Header keys found only inside a file entry are read from there.
+      {rest, "[" + entry("a", R"(, "mandatory": true, "release_notes": "inner")") + "]",
+       "1|tarn-hollow||linux|1|0||M|inner|a,0"},
+      {rest, "[" + entry("a", R"(, "size": -5, "executable": "true")") + "]", plain + "|a,0"},
+      {rest, "[" + entry("a", R"(, "size": 12.7, "executable": true)") + "]", plain + "|a,12,x"},
+      {rest, "[" + entry("a", R"(, "size": 18446744073709551617)") + "]", plain + "|a,1"},
+      {rest, "[" + entry("x\\u002e") + "]", plain + "|xu002e,0"},
+      {rest, R"([{ "meta": { "path": "inner" }, "path": "outer", "sha256": ")" + kZero + "\" }]",
+       plain + "|inner,0"},
+      // Splitting the array: strings hide brackets, stray items are skipped, the scan ends at
+      // the first ']' or at an object left open.
+      {rest,
+       "[" + entry("a") + R"(, 7, "]", { "note": "} ] \" {", "path": "b", "sha256": ")" + kZero +
+           "\" }, " + entry("a") + "]",
+       plain + "|a,0|b,0|a,0"},
+      {rest, "[" + entry("a") + "] " + entry("b"), plain + "|a,0"},
+      {rest, "[" + entry("a") + ", " + entry("b").substr(0, 20), plain + "|a,0"},
+  };
+  for (const auto& row : table) {
+    Manifest out;
+    out.files.resize(3);  // replaced, not appended to
+    std::string error = "untouched";
+    EXPECT_TRUE(parseManifest(manifest(row.header, row.files), out, error)) << error << row.files;
+    EXPECT_EQ(error, "untouched");
+    EXPECT_EQ(describe(out), row.expected) << row.header << row.files;
+  }
+  // An unterminated string yields what was read; the colon may stand anywhere later.
+  Manifest out;
+  std::string error;
+  ASSERT_TRUE(parseManifest(
+      "{" + kHeader + R"(, "files" [)" + entry("a") + R"(], "release_notes": "open)", out, error));
+  EXPECT_EQ(out.releaseNotes, "open");
 }
 
 }  // namespace
