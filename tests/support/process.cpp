@@ -24,19 +24,14 @@ std::filesystem::path outputFile(const char* stream) {
 }  // namespace
 
 std::vector<std::string> childEnvironment(const ProcessOptions& options) {
-  std::map<std::string, std::string> vars;
+  std::vector<std::string> env;
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    if (const char* eq = std::strchr(*entry, '='))
-      vars[std::string(*entry, static_cast<size_t>(eq - *entry))] = eq + 1;
+    const std::string text = *entry;
+    if (!options.env.contains(text.substr(0, text.find('=')))) env.push_back(text);
   }
   for (const auto& [name, value] : options.env) {
-    if (value)
-      vars[name] = *value;
-    else
-      vars.erase(name);
+    if (value) env.push_back(name + "=" + *value);
   }
-  std::vector<std::string> env;
-  for (const auto& [name, value] : vars) env.push_back(name + "=" + value);
   return env;
 }
 
@@ -104,15 +99,10 @@ std::string ChildProcess::err() const { return readBytes(errPath_); }
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
   ChildProcess child(argv, options);
-  ProcessResult result;
-  result.exitCode = child.wait(options.timeout).value_or(-1);
-  if (child.running()) {
-    child.kill(SIGKILL);
-    child.wait(std::chrono::seconds(10));
-  }
-  result.out = child.out();
-  result.err = child.err();
-  return result;
+  const int exitCode = child.wait(options.timeout).value_or(-1);
+  child.kill(SIGKILL);  // after the time-out; nothing when it has ended
+  child.wait(std::chrono::seconds(10));
+  return {exitCode, child.out(), child.err()};
 }
 
 }  // namespace th::test

@@ -9,16 +9,16 @@
 
 namespace th::test {
 
-// One file of a test release: {"path", "bytes"}, {"path", "bytes", true} or, to announce a size
-// other than the byte count, {"path", "bytes", false, 999}.
+// {"path", "bytes"}, {"path", "bytes", true} (executable) or {"path", "bytes", false, 999} to
+// announce another size in the manifest.
 struct ReleaseFile {
-  std::string path;   // relative, '/'-separated, as written into the manifest
-  std::string bytes;  // served content; the manifest carries its SHA-256
+  std::string path;
+  std::string bytes;
   bool executable = false;
-  std::optional<std::uint64_t> announcedSize{};  // manifest "size"; default bytes.size()
+  std::optional<std::uint64_t> announcedSize{};
 };
 
-// A stable/linux release as the studio would publish it. Files keep their order in the manifest.
+// A stable/linux release; files keep their order in the manifest.
 struct Release {
   std::string version = "1.0.0";
   std::vector<ReleaseFile> files;
@@ -26,24 +26,18 @@ struct Release {
   std::string minimumOnlineVersion;
 };
 
-// <serverRoot>/<channel>/linux: the folder holding manifest.json, manifest.sig and files/.
+// <serverRoot>/<channel>/linux, the folder of manifest.json, manifest.sig and files/.
 std::filesystem::path channelFolder(const std::filesystem::path& serverRoot,
                                     const std::string& channel = "stable");
-
-// Lower-case hex of an OpenSSL SHA-256 signature (EVP API) over exactly `bytes`.
+// Lower-case hex of an OpenSSL SHA-256 signature over exactly `bytes`.
 std::string signHex(std::string_view bytes,
                     const std::filesystem::path& privateKey = TH_DEV_PRIVATE_KEY);
-
-// Writes files/<path> for every file, manifest.json and manifest.sig (signed with the
-// development key) under channelFolder(serverRoot). Returns the manifest text.
+// Writes the files, the manifest and its signature (development key); returns the manifest.
 std::string publishRelease(const std::filesystem::path& serverRoot, const Release& release);
-
 // Writes manifest.json and manifest.sig exactly as given, for hostile servers.
 void publishRawManifest(const std::filesystem::path& serverRoot, const std::string& manifest,
                         const std::string& signature);
-
-// Prepares an install folder: data/update_public_key.pem (a copy of the development public key),
-// data/update_server.txt and data/game_version when given (bytes exactly as passed).
+// The development public key, and the server address and version marker when given.
 void prepareInstall(const std::filesystem::path& installDir,
                     const std::optional<std::string>& serverUrl,
                     const std::optional<std::string>& gameVersion = std::nullopt);

@@ -8,11 +8,6 @@
 #include "tests/support/release_builder.h"
 #include "update/signature.h"
 
-#if !defined(TH_SIGNING_PRIVATE_KEY) || !defined(TH_SIGNING_PUBLIC_KEY) || \
-    !defined(TH_SIGNATURE_SUITE)
-#error "the build passes the signing key pair and the suite name"
-#endif
-
 namespace th::test {
 namespace {
 
