@@ -35,22 +35,45 @@ TEST(JoinUrl, JoinsWithExactlyOneSlashAtTheSeam) {
   }
 }
 
-class Http : public ::testing::Test {
+const std::string kLauncher = "tarn-hollow-launcher";
+
+class Updater : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
     writeBytes(www / "hello.txt", "hello from nginx\n");
     writeBytes(www / "big.bin", std::string(3000000, 'z'));
+    prepareInstall(install.path(), nginx.url(), "1.0.0\n");
+    updater.server = nginx.url();
   }
 
-  TempDir www, out;
+  UpdatePlan checked() {
+    UpdatePlan plan;
+    std::string error;
+    EXPECT_TRUE(updater.check("stable", plan, error)) << error;
+    return plan;
+  }
+
+  // Names of the updater's work folder entries that start with `prefix`.
+  std::string workEntries(const std::string& prefix) const {
+    std::string names;
+    for (const auto& [path, entry] : snapshotFolder(install / ".tarnhollow-update")) {
+      if (path.starts_with(prefix)) names += path + ";";
+    }
+    return names;
+  }
+
+  TempDir www, install;
   // /hop/x/x... loses an /x per redirect, /hop goes to the file: chains of known length.
   NginxServer nginx{www.path(),
                     "location = /loop { return 302 /loop; }\n"
                     "location = /big.bin { limit_rate 2m; }\n"  // progress mid-way
                     "location = /hop { return 302 /hello.txt; }\n"
                     "location ~ ^/hop/x(/.*)?$ { return 301 /hop$1; }\n"};
+  update::Updater updater{install.path()};
 };
+
+using Http = Updater;
 
 TEST_F(Http, GetFollowsUpToFiveRedirectsAndReportsLibcurlTexts) {
   const std::string tooMany = curl_easy_strerror(CURLE_TOO_MANY_REDIRECTS);
@@ -77,7 +100,7 @@ TEST_F(Http, GetFollowsUpToFiveRedirectsAndReportsLibcurlTexts) {
 TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
   std::vector<std::pair<size_t, size_t>> progress;
   std::string error;
-  const fs::path destination = out / "new" / "deep" / "big.bin";
+  const fs::path destination = install / "new" / "deep" / "big.bin";
   ASSERT_TRUE(update::httpDownload(
       nginx.url() + "/big.bin", destination,
       [&](size_t done, size_t total) { progress.emplace_back(done, total); }, error))
@@ -93,37 +116,6 @@ TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
   EXPECT_EQ(error, curl_easy_strerror(CURLE_HTTP_RETURNED_ERROR));
   EXPECT_FALSE(fs::exists(destination));
 }
-
-const std::string kLauncher = "tarn-hollow-launcher";
-
-class Updater : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
-    prepareInstall(install.path(), nginx.url(), "1.0.0\n");
-    updater.server = nginx.url();
-  }
-
-  UpdatePlan checked() {
-    UpdatePlan plan;
-    std::string error;
-    EXPECT_TRUE(updater.check("stable", plan, error)) << error;
-    return plan;
-  }
-
-  // Names of the updater's work folder entries that start with `prefix`.
-  std::string workEntries(const std::string& prefix) const {
-    std::string names;
-    for (const auto& [path, entry] : snapshotFolder(install / ".tarnhollow-update")) {
-      if (path.starts_with(prefix)) names += path + ";";
-    }
-    return names;
-  }
-
-  TempDir www, install;
-  NginxServer nginx{www.path()};
-  update::Updater updater{install.path()};
-};
 
 Release fiveFiles() {
   Release release;
