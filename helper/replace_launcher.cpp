@@ -1,10 +1,9 @@
 #include "helper/replace_launcher.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <system_error>
+
+#include "update/disk_flush.h"
 
 namespace th::helper {
 namespace fs = std::filesystem;
@@ -32,13 +31,6 @@ fs::path backupFolderFor(const fs::path& staged, const fs::path& workFolder) {
   return workFolder / ("backup-" + stamp);
 }
 
-void syncPath(const fs::path& path, int flags) {
-  const int fd = open(path.c_str(), flags | O_CLOEXEC);
-  if (fd < 0) return;
-  fsync(fd);
-  close(fd);
-}
-
 std::string withReason(std::string code, const std::error_code& reason) {
   return reason ? code + ":" + reason.message() : code;
 }
@@ -63,7 +55,7 @@ bool keepBackup(const fs::path& target, const fs::path& backup, const HelperLog&
     error = withReason("launcher_backup_failed", reason);
     return false;
   }
-  syncPath(backup, O_RDONLY);
+  update::flushToDisk(backup);
   log.line("copied old launcher to " + backup.string());
   return true;
 }
@@ -99,13 +91,13 @@ bool replaceLauncher(const fs::path& staged, const fs::path& target, const Helpe
   fs::permissions(staged, fs::perms(0755), fs::perm_options::replace, reason);
   const fs::path backup = backupFolderFor(staged, workFolderOf(target)) / target.filename();
   if (!keepBackup(target, backup, log, error)) return false;
-  syncPath(staged, O_RDONLY);
+  update::flushToDisk(staged);
   fs::rename(staged, target, reason);
   if (reason) {
     error = withReason("launcher_rename_failed", reason);
     return false;
   }
-  syncPath(target.parent_path(), O_RDONLY | O_DIRECTORY);
+  update::flushToDisk(target.parent_path());
   log.line("installed " + staged.string() + " as " + target.string());
   return true;
 }

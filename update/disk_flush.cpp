@@ -3,22 +3,22 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "update/file_descriptor.h"
+
 namespace th::update {
 namespace {
 
 // Read-only is enough: fsync flushes the inode whichever descriptor names it, and a folder can
 // only be opened that way.
-void withDescriptor(const std::filesystem::path& path, int (*flush)(int)) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return;
-  flush(fd);
-  ::close(fd);
+bool withDescriptor(const std::filesystem::path& path, int (*flush)(int)) {
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return file.get() >= 0 && flush(file.get()) == 0;
 }
 
 }  // namespace
 
-void flushToDisk(const std::filesystem::path& fileOrFolder) {
-  withDescriptor(fileOrFolder, ::fsync);
+bool flushToDisk(const std::filesystem::path& fileOrFolder) {
+  return withDescriptor(fileOrFolder, ::fsync);
 }
 
 void flushFileSystem(const std::filesystem::path& path) { withDescriptor(path, ::syncfs); }

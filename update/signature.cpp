@@ -13,6 +13,7 @@
 #include <optional>
 #include <vector>
 
+#include "update/file_descriptor.h"
 #include "update/openssl_handles.h"
 #include "update/pinned_key.h"
 #include "update/text_file.h"
@@ -47,21 +48,6 @@ DigestContext startSha256() {
   if (context && EVP_DigestInit_ex(context.get(), algorithm, nullptr) != 1) context.reset();
   return context;
 }
-
-// Owns a descriptor from open(2).
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Bytes read, 0 at the end of the file, -1 on a read error (a folder opens but cannot be read).
 ssize_t readChunk(int fd, char* chunk) {

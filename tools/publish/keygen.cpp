@@ -6,6 +6,8 @@
 #include <system_error>
 
 #include "tools/publish/keys.h"
+#include "update/disk_flush.h"
+#include "update/file_descriptor.h"
 #include "update/signature.h"
 
 namespace th::publish {
@@ -14,16 +16,15 @@ namespace {
 
 // Created with its final mode, so the private key is never readable by others, not even briefly.
 bool writeNewFile(const fs::path& path, const std::string& bytes, mode_t mode) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0) return false;
+  update::FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+  if (file.get() < 0) return false;
   size_t written = 0;
   while (written < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
+    const ssize_t n = write(file.get(), bytes.data() + written, bytes.size() - written);
     if (n <= 0) break;
     written += static_cast<size_t>(n);
   }
-  const bool ok = written == bytes.size() && fsync(fd) == 0;
-  return close(fd) == 0 && ok;
+  return written == bytes.size() && update::flushToDisk(path) && file.close();
 }
 
 }  // namespace

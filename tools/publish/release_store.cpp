@@ -11,7 +11,7 @@
 #include <system_error>
 #include <utility>
 
-#include "tools/publish/durable.h"
+#include "update/disk_flush.h"
 #include "update/text_file.h"
 
 namespace th::publish {
@@ -47,6 +47,18 @@ std::string releaseName(std::size_t sequence, const std::string& label) {
   std::string digits = std::to_string(sequence);
   if (digits.size() < 6) digits.insert(0, 6 - digits.size(), '0');
   return digits + "-" + label;
+}
+
+// Every file and folder below `folder`, and `folder` itself: a release goes live only once all of
+// it is on disk, so that a power cut right after cannot serve players files never written.
+bool flushTree(const fs::path& folder) {
+  std::error_code error;
+  bool flushed = true;
+  fs::recursive_directory_iterator walk(folder, error), end;
+  for (; !error && walk != end; walk.increment(error)) {
+    flushed = update::flushToDisk(walk->path()) && flushed;
+  }
+  return !error && update::flushToDisk(folder) && flushed;
 }
 
 std::string problemAt(const fs::path& path, const std::string& what, const std::error_code& why) {
@@ -123,7 +135,7 @@ fs::path ReleaseStore::servedFile(const std::string& path) const {
 }
 
 bool ReleaseStore::makeCurrent(Problems& problems) {
-  if (!syncTree(folder_) || !syncPath(releases_)) {
+  if (!flushTree(folder_) || !update::flushToDisk(releases_)) {
     problems.push_back(folder_.string() + ": cannot be flushed to disk");
     return false;
   }
@@ -135,7 +147,7 @@ bool ReleaseStore::makeCurrent(Problems& problems) {
   }
   if (!swapLinkIn(problems)) return false;
   current_ = true;
-  syncPath(channel_);  // the rename itself; the release is current either way
+  update::flushToDisk(channel_);  // the rename itself; the release is current either way
   return true;
 }
 
