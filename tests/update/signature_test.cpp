@@ -15,18 +15,14 @@ using update::verifySignedManifest;
 
 const std::string kManifest = "{\r\n  \"format\": 1,\n  \"version\": \"1.4.2\"\n}\n";
 
-std::string upper(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return text;
-}
-
 TEST(TH_SIGNATURE_SUITE, VerifiesOrRejectsWithTheRightCode) {
   TempDir dir;
   const std::string signature = signHex(kManifest, TH_SIGNING_PRIVATE_KEY);
   ASSERT_FALSE(signature.empty());
   writeBytes(dir / "key.pem", readBytes(TH_SIGNING_PUBLIC_KEY));
   writeBytes(dir / "key-with-newline.pem", readBytes(TH_SIGNING_PUBLIC_KEY) + "\n");
-  std::string flipped = kManifest;
+  std::string upper = signature, flipped = kManifest;
+  for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   flipped[5] ^= 0x01;
 
   const struct {
@@ -37,7 +33,7 @@ TEST(TH_SIGNATURE_SUITE, VerifiesOrRejectsWithTheRightCode) {
     const char* error;  // empty: accepted
   } table[] = {
       {"valid", kManifest, signature, "key.pem", ""},
-      {"upper-case hex", kManifest, upper(signature), "key.pem", ""},
+      {"upper-case hex", kManifest, upper, "key.pem", ""},
       {"odd length", kManifest, signature.substr(1), "key.pem", "manifest_signature_invalid_hex"},
       {"trailing newline", kManifest, signature + "\n", "key.pem",
        "manifest_signature_invalid_hex"},
