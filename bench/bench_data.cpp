@@ -2,7 +2,7 @@
 
 #include "bench/bench_manifest.h"
 #include "tests/support/files.h"
-#include "tests/support/release_builder.h"
+#include "tests/support/update_server.h"
 
 namespace th::bench {
 namespace {

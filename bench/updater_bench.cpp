@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/release_builder.h"
+#include "tests/support/update_server.h"
 #include "tests/support/files.h"
 #include "update/updater.h"
 

@@ -6,9 +6,8 @@
 
 #include "launcher/update_job.h"
 #include "tests/support/files.h"
-#include "tests/support/nginx_server.h"
+#include "tests/support/update_server.h"
 #include "tests/support/process.h"
-#include "tests/support/release_builder.h"
 
 namespace th::test {
 namespace {

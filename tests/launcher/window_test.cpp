@@ -4,8 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/launcher/screen_probe.h"
-#include "tests/support/nginx_server.h"
-#include "tests/support/release_builder.h"
+#include "tests/support/update_server.h"
 #include "tests/support/xvfb.h"
 
 namespace th::test {

@@ -13,9 +13,8 @@
 
 #include "tests/launcher/screen_probe.h"
 #include "tests/support/files.h"
-#include "tests/support/nginx_server.h"
+#include "tests/support/update_server.h"
 #include "tests/support/process.h"
-#include "tests/support/release_builder.h"
 #include "update/signature.h"
 #include "update/updater.h"
 

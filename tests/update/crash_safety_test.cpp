@@ -12,8 +12,7 @@
 #include <set>
 
 #include "tests/support/files.h"
-#include "tests/support/nginx_server.h"
-#include "tests/support/release_builder.h"
+#include "tests/support/update_server.h"
 #include "update/updater.h"
 
 namespace th::test {

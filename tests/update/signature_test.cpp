@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tests/support/files.h"
-#include "tests/support/release_builder.h"
+#include "tests/support/update_server.h"
 #include "update/signature.h"
 
 namespace th::test {

@@ -8,8 +8,7 @@
 #include <functional>
 
 #include "tests/support/files.h"
-#include "tests/support/nginx_server.h"
-#include "tests/support/release_builder.h"
+#include "tests/support/update_server.h"
 
 namespace th::test {
 namespace {

@@ -1,13 +1,13 @@
-#include "tests/support/release_builder.h"
+#include "tests/support/update_server.h"
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <memory>
-
-#include "tests/support/files.h"
+#include <random>
 
 namespace th::test {
 namespace {
@@ -27,6 +27,22 @@ std::string manifestText(const Release& release) {
   }
   return text + "  ]\n}\n";
 }
+
+// Single process, no user switch: with a master process nginx running as root would drop its
+// workers to `nobody`, who cannot read the test's private 0700 folders.
+constexpr const char* kConfig = R"(daemon off; master_process off; worker_processes 1;
+pid @DIR@/nginx.pid;
+error_log @DIR@/error.log info;
+events { worker_connections 128; }
+http {
+  log_format th '$request_method $request_uri $status "$http_user_agent"';
+  access_log @DIR@/access.log th;
+  client_body_temp_path @DIR@/body; proxy_temp_path @DIR@/proxy; fastcgi_temp_path @DIR@/fcgi;
+  uwsgi_temp_path @DIR@/uwsgi; scgi_temp_path @DIR@/scgi;
+  default_type application/octet-stream;
+  server { listen 127.0.0.1:@PORT@; root @ROOT@; @EXTRA@ }
+}
+)";
 
 }  // namespace
 
@@ -73,5 +89,61 @@ void prepareInstall(const std::filesystem::path& installDir,
   if (serverUrl) writeBytes(installDir / "data" / "update_server.txt", *serverUrl);
   if (gameVersion) writeBytes(installDir / "data" / "game_version", *gameVersion);
 }
+
+NginxServer::NginxServer(const std::filesystem::path& documentRoot,
+                         const std::string& extraServerConfig) {
+  std::error_code ignored;
+  // Below Linux's range for outgoing connections; nginx exits when the port is taken: try another.
+  std::mt19937 random(std::random_device{}());
+  for (int attempt = 0; attempt < 5 && !ok(); ++attempt) {
+    port_ = 20000 + static_cast<int>(random() % 12000);
+    start(std::filesystem::absolute(documentRoot, ignored), extraServerConfig);
+  }
+}
+
+NginxServer::~NginxServer() {
+  if (process_ == nullptr) return;
+  process_->kill(SIGQUIT);  // graceful first; ChildProcess kills the group if that stalls
+  process_->wait(std::chrono::seconds(5));
+}
+
+bool NginxServer::start(const std::filesystem::path& documentRoot,
+                        const std::string& extraServerConfig) {
+  std::error_code ignored;
+  std::filesystem::remove(dir_ / "nginx.pid", ignored);
+  std::string config = kConfig;
+  const std::pair<std::string, std::string> values[] = {{"@DIR@", dir_.path().string()},
+                                                        {"@PORT@", std::to_string(port_)},
+                                                        {"@ROOT@", documentRoot.string()},
+                                                        {"@EXTRA@", extraServerConfig}};
+  for (const auto& [name, value] : values) {
+    for (size_t at; (at = config.find(name)) != std::string::npos;)
+      config.replace(at, name.size(), value);
+  }
+  writeBytes(dir_ / "nginx.conf", config);
+  auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
+      "/usr/sbin/nginx", "-p", dir_.path().string() + "/", "-c", (dir_ / "nginx.conf").string(),
+      "-e", (dir_ / "error.log").string()});
+  // nginx writes its pid file only once it listens, and exits when it cannot.
+  waitUntil([&] { return !process->running() || std::filesystem::exists(dir_ / "nginx.pid"); },
+            std::chrono::seconds(10));
+  if (process->running()) process_ = std::move(process);
+  return ok();
+}
+
+std::string NginxServer::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+std::string NginxServer::accessLog(size_t requests) const {
+  std::string log;
+  waitUntil(
+      [&] {
+        log = readBytes(dir_ / "access.log");
+        return static_cast<size_t>(std::count(log.begin(), log.end(), '\n')) >= requests;
+      },
+      std::chrono::seconds(10));
+  return log;
+}
+
+std::string NginxServer::errorLog() const { return readBytes(dir_ / "error.log"); }
 
 }  // namespace th::test
