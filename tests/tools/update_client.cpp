@@ -1,4 +1,5 @@
-// One player's engine as a process of its own: prints the version it installed, or its error.
+// One player's engine as a process of its own: prints the version it installed, or its error,
+// then the launcher it staged for the update helper, if any.
 #include <iostream>
 
 #include "update/updater.h"
@@ -9,8 +10,10 @@ int main(int argc, char** argv) {
   updater.server = argv[2];
   th::update::UpdatePlan plan;
   std::string error;
+  std::filesystem::path staged;
   const bool updated =
-      updater.check("stable", plan, error) && updater.apply(plan, {}, error, nullptr);
+      updater.check("stable", plan, error) && updater.apply(plan, {}, error, &staged);
   std::cout << (updated ? plan.manifest.version : error) << '\n';
+  if (updated && !staged.empty()) std::cout << staged.string() << '\n';
   return updated ? 0 : 1;
 }
