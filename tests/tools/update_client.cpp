@@ -1,5 +1,7 @@
-// One player's engine as a process of its own: prints the version it installed, or its error,
-// then the launcher it staged for the update helper, if any.
+// One player's launcher start: the engine prints the version it installed, or its error, then a
+// launcher it staged, which the update helper, in this process's place, swaps in.
+#include <unistd.h>
+
 #include <iostream>
 
 #include "update/updater.h"
@@ -13,7 +15,12 @@ int main(int argc, char** argv) {
   std::filesystem::path staged;
   const bool updated =
       updater.check("stable", plan, error) && updater.apply(plan, {}, error, &staged);
-  std::cout << (updated ? plan.manifest.version : error) << '\n';
-  if (updated && !staged.empty()) std::cout << staged.string() << '\n';
-  return updated ? 0 : 1;
+  std::cout << (updated ? plan.manifest.version : error) << std::endl;
+  if (!updated || staged.empty()) return updated ? 0 : 1;
+  std::cout << staged.string() << std::endl;
+  const std::string self = std::to_string(getpid());
+  const std::string launcher = (std::filesystem::path(argv[1]) / "tarn-hollow-launcher").string();
+  execl(TH_UPDATE_HELPER, "tarn-hollow-update-helper", "--wait-pid", self.c_str(), "--replace",
+        staged.c_str(), "--target", launcher.c_str(), "--relaunch", launcher.c_str(), nullptr);
+  return 127;
 }
