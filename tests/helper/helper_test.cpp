@@ -10,50 +10,36 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A swap that cannot happen (a folder staged instead of a file) keeps the old launcher and does
-// not start it: it would stage the same update and hand it over again, for ever.
-TEST(UpdateHelper, AFailedSwapKeepsTheOldLauncherAndDoesNotRelaunchIt) {
-  TempDir root;
-  const fs::path launcher = root / "tarn-hollow-launcher", stage = root / ".tarnhollow-update/s";
-  writeBytes(launcher, "#!/bin/sh\ntouch relaunched\n");
-  fs::permissions(launcher, fs::perms(0755));
-  fs::create_directories(stage);
-  ChildProcess gone({"/bin/true"});
-  gone.wait(std::chrono::seconds(10));
-  const auto helper =
-      runProcess({TH_UPDATE_HELPER, "--wait-pid", std::to_string(gone.pid()), "--replace",
-                  stage.string(), "--target", launcher.string(), "--relaunch", launcher.string()},
-                 {{}, root.path()});
-  EXPECT_EQ(helper.exitCode, 1);
-  EXPECT_EQ(readBytes(launcher), "#!/bin/sh\ntouch relaunched\n");
-  EXPECT_FALSE(fs::exists(root / "relaunched"));
-  const std::string log = readBytes(root / ".tarnhollow-update/helper.log");
-  EXPECT_NE(log.find("replacement failed: staged_launcher_not_a_file\n"), std::string::npos) << log;
-}
-
-TEST(UpdateHelper, BadCommandLinesAreRefusedWithUsageAndExitCode2) {
-  const std::vector<std::pair<std::vector<std::string>, std::string>> table = {
-      {{}, "missing --wait-pid"},
-      {{"--wait-pid", "7", "--replace", "", "--target", "t", "--relaunch", "r"},
-       "missing value for --replace"},
-      {{"--wait-pid", "7", "--replace", "s", "--target", "t", "--target", "u"},
-       "repeated --target"},
-      {{"--wait-pid", "7", "--replace", "s", "--target", "t", "--relaunch", "r", "extra"},
-       "unknown argument 'extra'"},
-      {{"--wait-pid", "0", "--replace", "s", "--target", "t", "--relaunch", "r"},
+// A bad command line (usage, exit code 2, no log) or a failed swap (a folder staged: exit code 1,
+// logged) neither replaces nor starts the launcher, which would hand the update over for ever.
+TEST(UpdateHelper, RefusedOrFailedRunsKeepTheOldLauncherAndDoNotStartIt) {
+  const std::string usage =
+      "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
+      "--target TARGET --relaunch PROGRAM\n";
+  const std::vector<std::tuple<std::string, int, std::string>> table = {
+      {"", 2, "missing --wait-pid"},
+      {"--wait-pid 7 --replace", 2, "missing value for --replace"},
+      {"--wait-pid 7 --replace s --target t --target u", 2, "repeated --target"},
+      {"--wait-pid 7 --replace s --target t --relaunch r extra", 2, "unknown argument 'extra'"},
+      {"--wait-pid 0 --replace s --target t --relaunch r", 2,
        "--wait-pid needs a positive process id, not '0'"},
-  };
-  for (const auto& [args, message] : table) {
+      {"--wait-pid 2147483647 --replace ./s --target ./l --relaunch ./l", 1,
+       "replacement failed: staged_launcher_not_a_file"}};
+  for (const auto& [args, exitCode, message] : table) {
     SCOPED_TRACE(message);
-    TempDir cwd;
-    std::vector<std::string> argv{TH_UPDATE_HELPER};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const auto helper = runProcess(argv, {{}, cwd.path()});
-    EXPECT_EQ(helper.exitCode, 2);
-    EXPECT_EQ(helper.err, "tarn-hollow-update-helper: " + message +
-                              "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
-                              "--target TARGET --relaunch PROGRAM\n");
-    EXPECT_TRUE(fs::is_empty(cwd.path()));  // no log either
+    TempDir cwd;  // holds the launcher l and a folder s
+    writeBytes(cwd / "l", "#!/bin/sh\ntouch relaunched\n");
+    fs::permissions(cwd / "l", fs::perms(0755));
+    fs::create_directories(cwd / "s");
+    const auto helper =
+        runProcess({"/bin/sh", "-c", TH_UPDATE_HELPER " " + args}, {{}, cwd.path()});
+    EXPECT_EQ(helper.exitCode, exitCode);
+    const fs::path log = cwd / ".tarnhollow-update/helper.log";
+    const std::string said = fs::exists(log) ? readBytes(log) : helper.err;
+    const std::string refusal = "tarn-hollow-update-helper: " + message + usage;
+    EXPECT_NE(said.find(exitCode == 2 ? refusal : message + "\n"), std::string::npos) << said;
+    EXPECT_EQ(readBytes(cwd / "l"), "#!/bin/sh\ntouch relaunched\n");
+    EXPECT_FALSE(fs::exists(cwd / "relaunched"));
   }
 }
 

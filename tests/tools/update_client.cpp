@@ -1,4 +1,7 @@
-// One player's engine as a process of its own: prints the version it installed, or its error.
+// One player's launcher start: the engine prints the version it installed, or its error, then a
+// launcher it staged, which the update helper, in this process's place, swaps in.
+#include <unistd.h>
+
 #include <iostream>
 
 #include "update/updater.h"
@@ -9,8 +12,15 @@ int main(int argc, char** argv) {
   updater.server = argv[2];
   th::update::UpdatePlan plan;
   std::string error;
+  std::filesystem::path staged;
   const bool updated =
-      updater.check("stable", plan, error) && updater.apply(plan, {}, error, nullptr);
-  std::cout << (updated ? plan.manifest.version : error) << '\n';
-  return updated ? 0 : 1;
+      updater.check("stable", plan, error) && updater.apply(plan, {}, error, &staged);
+  std::cout << (updated ? plan.manifest.version : error) << std::endl;
+  if (!updated || staged.empty()) return updated ? 0 : 1;
+  std::cout << staged.string() << std::endl;
+  const std::string self = std::to_string(getpid());
+  const std::string launcher = (std::filesystem::path(argv[1]) / "tarn-hollow-launcher").string();
+  execl(TH_UPDATE_HELPER, "tarn-hollow-update-helper", "--wait-pid", self.c_str(), "--replace",
+        staged.c_str(), "--target", launcher.c_str(), "--relaunch", launcher.c_str(), nullptr);
+  return 127;
 }
