@@ -1,5 +1,5 @@
-// The update helper run as a real process; the whole hand-off is in self_update_test.cpp and its
-// behaviour under kills in tests/update/crash_safety_test.cpp.
+// The update helper run as a real process; the hand-off is in the window test, kills in the
+// crash-safety test.
 #include <gtest/gtest.h>
 
 #include "tests/support/files.h"

@@ -5,9 +5,7 @@
 #include <thread>
 
 #include "launcher/update_job.h"
-#include "tests/support/files.h"
 #include "tests/support/update_server.h"
-#include "tests/support/process.h"
 
 namespace th::test {
 namespace {
@@ -30,9 +28,7 @@ TEST(LauncherConcurrency, OnlyOneJobRunsAtATime) {
   EXPECT_EQ(snap.status + " / " + snap.detail, "DOWNLOADING UPDATE... / 3 FILES REQUIRE UPDATE");
   EXPECT_EQ(snap.progressDone * 100 + snap.progressTotal, 509u);
 
-  shared.mutex.lock();
-  shared.busy = false;
-  shared.mutex.unlock();
+  std::lock_guard(shared.mutex), shared.busy = false;  // the lock lasts as long as the statement
   beginUpdateJob(shared, install.path(), "stable", true, false);
   int wrongWhileBusy = 0;  // a running repair shows its own wording and a reset bar
   EXPECT_TRUE(waitUntil(

@@ -5,7 +5,6 @@
 
 #include "tests/launcher/screen_probe.h"
 #include "tests/support/update_server.h"
-#include "tests/support/xvfb.h"
 
 namespace th::test {
 namespace {

@@ -19,12 +19,10 @@ struct Install {
   // The probe's output: install folder, user data folder and save folder, one per line.
   std::string probe(const std::map<std::string, std::optional<std::string>>& env,
                     bool migrate = false) {
-    ProcessOptions options;
-    options.env = env;
     fs::create_directories(root);
     fs::copy_file(TH_PATHS_PROBE, root / "probe", fs::copy_options::overwrite_existing);
     const ProcessResult r =
-        runProcess({(root / "probe").string(), migrate ? "--migrate" : ""}, options);
+        runProcess({(root / "probe").string(), migrate ? "--migrate" : ""}, {env, {}});
     EXPECT_EQ(r.exitCode, 0) << r.err;
     return r.out;
   }

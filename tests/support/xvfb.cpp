@@ -38,14 +38,10 @@ XvfbDisplay::XvfbDisplay() {
   server_ = std::make_unique<ChildProcess>(
       std::vector<std::string>{"/usr/bin/Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp",
                                "-screen", "0", "1280x800x24"});
-  const bool up = waitUntil(
-      [&] { return server_->out().find('\n') != std::string::npos || !server_->running(); },
-      std::chrono::seconds(10));
-  if (!up || !server_->running()) {
-    server_.reset();
-    return;
-  }
+  waitUntil([&] { return server_->out().find('\n') != std::string::npos || !server_->running(); },
+            std::chrono::seconds(10));
   name_ = ":" + server_->out().substr(0, server_->out().find('\n'));
+  if (name_ == ":" || !server_->running()) server_.reset();
 }
 
 XvfbDisplay::~XvfbDisplay() = default;

@@ -4,17 +4,12 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <filesystem>
 #include <iostream>
 #include <map>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/launcher/screen_probe.h"
-#include "tests/support/files.h"
 #include "tests/support/update_server.h"
-#include "tests/support/process.h"
 #include "update/signature.h"
 #include "update/updater.h"
 

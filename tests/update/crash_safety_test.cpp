@@ -6,9 +6,7 @@
 #include <regex>
 #include <sstream>
 
-#include "tests/support/files.h"
 #include "tests/support/update_server.h"
-#include "tests/support/process.h"
 
 namespace th::test {
 namespace {

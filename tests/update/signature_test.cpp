@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "tests/support/files.h"
 #include "tests/support/update_server.h"
 #include "update/signature.h"
 

@@ -7,7 +7,6 @@
 
 #include <functional>
 
-#include "tests/support/files.h"
 #include "tests/support/update_server.h"
 
 namespace th::test {
