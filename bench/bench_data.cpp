@@ -1,7 +1,7 @@
 #include "bench/bench_data.h"
 
 #include "bench/bench_manifest.h"
-#include "tests/support/files.h"
+#include "tests/support/system.h"
 #include "tests/support/update_server.h"
 
 namespace th::bench {

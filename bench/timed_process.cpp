@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 #include <time.h>
 
-#include "tests/support/process.h"
+#include "tests/support/system.h"
 
 namespace th::bench {
 namespace {

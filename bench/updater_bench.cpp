@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/system.h"
 #include "tests/support/update_server.h"
-#include "tests/support/files.h"
 #include "update/updater.h"
 
 namespace {

@@ -2,8 +2,7 @@
 // crash-safety test.
 #include <gtest/gtest.h>
 
-#include "tests/support/files.h"
-#include "tests/support/process.h"
+#include "tests/support/system.h"
 
 namespace th::test {
 namespace {

@@ -8,7 +8,7 @@
 #include "launcher/text_wrap.h"
 #include "launcher/version_marker.h"
 #include "tests/launcher/screen_probe.h"
-#include "tests/support/files.h"
+#include "tests/support/system.h"
 
 namespace th::test {
 namespace {

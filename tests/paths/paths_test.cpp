@@ -2,8 +2,7 @@
 // install folder, so that the environment and /proc/self/exe are real.
 #include <gtest/gtest.h>
 
-#include "tests/support/files.h"
-#include "tests/support/process.h"
+#include "tests/support/system.h"
 
 namespace th::test {
 namespace {

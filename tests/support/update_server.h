@@ -10,8 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/files.h"
-#include "tests/support/process.h"
+#include "tests/support/system.h"
 
 namespace th::test {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/process.h"
+#include "tests/support/system.h"
 
 namespace th::test {
 

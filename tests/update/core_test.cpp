@@ -2,7 +2,7 @@
 // checked against an independent digest by every test that installs a release.
 #include <gtest/gtest.h>
 
-#include "tests/support/files.h"
+#include "tests/support/system.h"
 #include "update/manifest.h"
 #include "update/safe_path.h"
 #include "update/text_file.h"
