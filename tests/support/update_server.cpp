@@ -29,20 +29,22 @@ std::string manifestText(const Release& release) {
 }
 
 // Single process, no user switch: with a master process nginx running as root would drop its
-// workers to `nobody`, who cannot read the test's private 0700 folders.
-constexpr const char* kConfig = R"(daemon off; master_process off; worker_processes 1;
-pid @DIR@/nginx.pid;
-error_log @DIR@/error.log info;
+// workers to `nobody`, who cannot read the test's private 0700 folders. Relative paths are below
+// the prefix folder given with -p.
+std::string nginxConfig(int port, const std::string& root, const std::string& extra) {
+  return R"(daemon off; master_process off; worker_processes 1;
+pid nginx.pid;
+error_log error.log info;
 events { worker_connections 128; }
 http {
   log_format th '$request_method $request_uri $status "$http_user_agent"';
-  access_log @DIR@/access.log th;
-  client_body_temp_path @DIR@/body; proxy_temp_path @DIR@/proxy; fastcgi_temp_path @DIR@/fcgi;
-  uwsgi_temp_path @DIR@/uwsgi; scgi_temp_path @DIR@/scgi;
+  access_log access.log th;
+  client_body_temp_path body; proxy_temp_path proxy; fastcgi_temp_path fcgi;
+  uwsgi_temp_path uwsgi; scgi_temp_path scgi;
   default_type application/octet-stream;
-  server { listen 127.0.0.1:@PORT@; root @ROOT@; @EXTRA@ }
+  server { listen 127.0.0.1:)" +
+         std::to_string(port) + "; root " + root + "; " + extra + " }\n}\n";
 }
-)";
 
 }  // namespace
 
@@ -111,16 +113,7 @@ bool NginxServer::start(const std::filesystem::path& documentRoot,
                         const std::string& extraServerConfig) {
   std::error_code ignored;
   std::filesystem::remove(dir_ / "nginx.pid", ignored);
-  std::string config = kConfig;
-  const std::pair<std::string, std::string> values[] = {{"@DIR@", dir_.path().string()},
-                                                        {"@PORT@", std::to_string(port_)},
-                                                        {"@ROOT@", documentRoot.string()},
-                                                        {"@EXTRA@", extraServerConfig}};
-  for (const auto& [name, value] : values) {
-    for (size_t at; (at = config.find(name)) != std::string::npos;)
-      config.replace(at, name.size(), value);
-  }
-  writeBytes(dir_ / "nginx.conf", config);
+  writeBytes(dir_ / "nginx.conf", nginxConfig(port_, documentRoot.string(), extraServerConfig));
   auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
       "/usr/sbin/nginx", "-p", dir_.path().string() + "/", "-c", (dir_ / "nginx.conf").string(),
       "-e", (dir_ / "error.log").string()});
