@@ -1,9 +1,11 @@
 #include "update/http.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <system_error>
 #include <utility>
 
@@ -12,10 +14,55 @@ namespace {
 
 constexpr std::size_t kTransferBufferBytes = 256 * 1024;
 
+// libcurl's easy interface, loaded when the first request is made. Linked at start-up, libcurl
+// and the thirty-odd libraries it needs would be loaded before the window appears, and every
+// symbol that the X11 and GL libraries look up later would be searched in all of them first;
+// loaded here, with local scope, they cost the launcher's first frame nothing, and a start without
+// a configured server never loads them. Never unloaded.
+struct CurlApi {
+  CURL* (*easyInit)();
+  CURLcode (*easySetopt)(CURL*, CURLoption, ...);
+  CURLcode (*easyPerform)(CURL*);
+  void (*easyCleanup)(CURL*);
+  const char* (*easyStrerror)(CURLcode);
+};
+
+template <typename Function>
+bool resolve(void* library, const char* name, Function& function) {
+  function = reinterpret_cast<Function>(::dlsym(library, name));
+  return function != nullptr;
+}
+
+std::optional<CurlApi> loadCurl() {
+  void* library = ::dlopen("libcurl.so.4", RTLD_NOW | RTLD_LOCAL);
+  CurlApi api{};
+  if (library == nullptr || !resolve(library, "curl_easy_init", api.easyInit) ||
+      !resolve(library, "curl_easy_setopt", api.easySetopt) ||
+      !resolve(library, "curl_easy_perform", api.easyPerform) ||
+      !resolve(library, "curl_easy_cleanup", api.easyCleanup) ||
+      !resolve(library, "curl_easy_strerror", api.easyStrerror)) {
+    return std::nullopt;
+  }
+  return api;
+}
+
+// Null when libcurl cannot be loaded: requests then fail as if no handle could be made.
+const CurlApi* curl() {
+  static const std::optional<CurlApi> api = loadCurl();
+  return api ? &*api : nullptr;
+}
+
 struct CurlCleanup {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+  void operator()(CURL* handle) const { curl()->easyCleanup(handle); }
 };
 using CurlHandle = std::unique_ptr<CURL, CurlCleanup>;
+
+CurlHandle newHandle() { return CurlHandle(curl() != nullptr ? curl()->easyInit() : nullptr); }
+
+template <typename Value>
+void setOption(CURL* handle, CURLoption option, Value value) {
+  curl()->easySetopt(handle, option, value);
+}
 
 // Settings shared by every request; curl_easy_setopt results are deliberately not checked.
 bool setupCurl(CURL* handle, const std::string& url, std::string& error) {
@@ -23,15 +70,15 @@ bool setupCurl(CURL* handle, const std::string& url, std::string& error) {
     error = "curl_init_failed";
     return false;
   }
-  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 5L);
-  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, 6L);
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT, 180L);
-  curl_easy_setopt(handle, CURLOPT_USERAGENT, "TarnHollowLauncher/1.0.3");
-  curl_easy_setopt(handle, CURLOPT_FAILONERROR, 1L);
-  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+  setOption(handle, CURLOPT_URL, url.c_str());
+  setOption(handle, CURLOPT_FOLLOWLOCATION, 1L);
+  setOption(handle, CURLOPT_MAXREDIRS, 5L);
+  setOption(handle, CURLOPT_CONNECTTIMEOUT, 6L);
+  setOption(handle, CURLOPT_TIMEOUT, 180L);
+  setOption(handle, CURLOPT_USERAGENT, "TarnHollowLauncher/1.0.3");
+  setOption(handle, CURLOPT_FAILONERROR, 1L);
+  setOption(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+  setOption(handle, CURLOPT_SSL_VERIFYHOST, 2L);
   return true;
 }
 
@@ -75,13 +122,13 @@ std::string joinUrl(const std::string& base, const std::string& relative) {
 
 bool httpGet(const std::string& url, std::string& body, std::string& error) {
   body.clear();
-  CurlHandle handle(curl_easy_init());
+  CurlHandle handle = newHandle();
   if (!setupCurl(handle.get(), url, error)) return false;
-  curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, writeString);
-  curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &body);
-  const CURLcode result = curl_easy_perform(handle.get());
+  setOption(handle.get(), CURLOPT_WRITEFUNCTION, writeString);
+  setOption(handle.get(), CURLOPT_WRITEDATA, &body);
+  const CURLcode result = curl()->easyPerform(handle.get());
   if (result != CURLE_OK) {
-    error = curl_easy_strerror(result);
+    error = curl()->easyStrerror(result);
     return false;
   }
   return true;
@@ -101,22 +148,22 @@ bool httpDownload(const std::string& url, const std::filesystem::path& destinati
     error = "download_destination_unwritable";
     return false;
   }
-  CurlHandle handle(curl_easy_init());
+  CurlHandle handle = newHandle();
   // The empty file stays: callers download into a throw-away staging folder.
   if (!setupCurl(handle.get(), url, error)) return false;
   ProgressCallback callback = std::move(progress);
-  curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, writeFile);
-  curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &out);
-  curl_easy_setopt(handle.get(), CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(handle.get(), CURLOPT_XFERINFOFUNCTION, curlProgress);
-  curl_easy_setopt(handle.get(), CURLOPT_XFERINFODATA, &callback);
-  curl_easy_setopt(handle.get(), CURLOPT_BUFFERSIZE, static_cast<long>(kTransferBufferBytes));
-  const CURLcode result = curl_easy_perform(handle.get());
+  setOption(handle.get(), CURLOPT_WRITEFUNCTION, writeFile);
+  setOption(handle.get(), CURLOPT_WRITEDATA, &out);
+  setOption(handle.get(), CURLOPT_NOPROGRESS, 0L);
+  setOption(handle.get(), CURLOPT_XFERINFOFUNCTION, curlProgress);
+  setOption(handle.get(), CURLOPT_XFERINFODATA, &callback);
+  setOption(handle.get(), CURLOPT_BUFFERSIZE, static_cast<long>(kTransferBufferBytes));
+  const CURLcode result = curl()->easyPerform(handle.get());
   handle.reset();
   // A failed close is not reported: the caller verifies the file's digest anyway.
   out.close();
   if (result != CURLE_OK) {
-    error = curl_easy_strerror(result);
+    error = curl()->easyStrerror(result);
     std::filesystem::remove(destination, ignored);
     return false;
   }
