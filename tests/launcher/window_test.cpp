@@ -3,6 +3,9 @@
 // driven with xdotool. The recorder program stands in for the game.
 #include <gtest/gtest.h>
 
+#include <random>
+#include <thread>
+
 #include "tests/launcher/screen_probe.h"
 #include "tests/support/update_server.h"
 
@@ -119,6 +122,34 @@ TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanl
   ASSERT_TRUE(display.requestClose(window));
   EXPECT_EQ(launcher->wait(20s), 0);
   EXPECT_EQ(launcher->out() + launcher->err(), "");
+}
+
+// Closed at random moments of a check or an apply, the launcher ends with 0 and says nothing; the
+// next start heals whatever the interrupted apply left.
+TEST_F(Launcher, ClosedAnywhereInAJobEndsCleanlyAndTheNextStartHeals) {
+  const std::string pack(4 << 20, 'p');
+  publishRelease(scratch / "www",
+                 Release{"1.3.0", {{"data/a.pak", pack}, {"data/b.pak", pack}}, false, ""});
+  server = std::make_unique<NginxServer>(scratch / "www", "limit_rate 16m;");
+  prepareInstall(root, server->url(), "1.2.0\n");
+  std::mt19937 random(std::random_device{}());
+  for (int trial = 0; trial < 8; ++trial) {
+    start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 700));
+    EXPECT_TRUE(waitUntil(  // the window SDL shows now: it may have replaced the first one
+        [&] {
+          if (const auto shown = display.waitForWindow(kTitle, 1s, launcher->pid()))
+            display.requestClose(*shown);
+          return launcher->wait(200ms).has_value();
+        },
+        20s));
+    EXPECT_EQ(launcher->wait(0ms), 0);
+    EXPECT_EQ(launcher->out() + launcher->err(), "");
+  }
+  start();
+  ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal));
+  EXPECT_EQ(readBytes(root / "data" / "game_version"), "1.3.0\n");
+  EXPECT_EQ(readBytes(root / "data" / "a.pak") + readBytes(root / "data" / "b.pak"), pack + pack);
 }
 
 // The game is started as a child of its own, in the install folder, and the launcher closes;
