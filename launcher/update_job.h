@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -22,6 +23,10 @@
 namespace {
 
 constexpr int kUpdateJobNice = 10;
+// The job started with the window waits this long before its first step. Its check streams the
+// whole install through the caches, which slowed the first frame even at the lowest priority;
+// the window needs only a few milliseconds after the job starts, the check takes seconds.
+constexpr std::chrono::milliseconds kStartUpJobPause{50};
 
 // What a successful check means for this installation.
 struct CheckOutcome {
@@ -184,9 +189,11 @@ inline void runUpdateJob(Shared& shared, const std::filesystem::path& installDir
 // Starts a job unless one is running; never waits for it.
 inline void beginUpdateJob(Shared& shared, const std::filesystem::path& installDir,
                            const std::string& channel, bool repair, bool elevated) {
+  bool atStartUp = false;
   {
     std::lock_guard lock(shared.mutex);
     if (shared.busy) return;
+    atStartUp = shared.state == JobState::Starting;
     shared.busy = true;
     shared.state = JobState::Checking;
     shared.status = repair ? "CHECKING GAME FILES..." : "CHECKING FOR UPDATES...";
@@ -194,11 +201,12 @@ inline void beginUpdateJob(Shared& shared, const std::filesystem::path& installD
     shared.progressDone = 0;
     shared.progressTotal = 0;
   }
-  std::thread([sharedPtr = &shared, installDir, channel, repair, elevated] {
+  std::thread([sharedPtr = &shared, installDir, channel, repair, elevated, atStartUp] {
     // A background job: when the cores are busy, the window's thread goes first, so hashing a
     // large install never holds up a frame. On Linux a nice value belongs to one thread.
     const auto self = static_cast<id_t>(gettid());
     setpriority(PRIO_PROCESS, self, getpriority(PRIO_PROCESS, self) + kUpdateJobNice);
+    if (atStartUp) std::this_thread::sleep_for(kStartUpJobPause);
     runUpdateJob(*sharedPtr, installDir, channel, repair, elevated);
   }).detach();
 }
