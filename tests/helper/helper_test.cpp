@@ -10,7 +10,8 @@ namespace {
 namespace fs = std::filesystem;
 
 // A bad command line (usage, exit code 2, no log) or a failed swap (a folder staged: exit code 1,
-// logged) neither replaces nor starts the launcher, which would hand the update over for ever.
+// logged) neither replaces nor starts the launcher, which would hand the update over for ever. A
+// relaunch whose exec fails is a failure too: the player would otherwise be left with nothing.
 TEST(UpdateHelper, RefusedOrFailedRunsKeepTheOldLauncherAndDoNotStartIt) {
   const std::string usage =
       "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
@@ -23,11 +24,14 @@ TEST(UpdateHelper, RefusedOrFailedRunsKeepTheOldLauncherAndDoNotStartIt) {
       {"--wait-pid 0 --replace s --target t --relaunch r", 2,
        "--wait-pid needs a positive process id, not '0'"},
       {"--wait-pid 2147483647 --replace ./s --target ./l --relaunch ./l", 1,
-       "replacement failed: staged_launcher_not_a_file"}};
+       "replacement failed: staged_launcher_not_a_file"},
+      {"--wait-pid 2147483647 --replace ./n --target ./l --relaunch ./gone", 1,
+       "relaunch of ./gone failed: relaunch_exec_failed:No such file or directory"}};
   for (const auto& [args, exitCode, message] : table) {
     SCOPED_TRACE(message);
-    TempDir cwd;  // holds the launcher l and a folder s
+    TempDir cwd;  // holds the launcher l, a folder s and a copy n of l
     writeBytes(cwd / "l", "#!/bin/sh\ntouch relaunched\n");
+    writeBytes(cwd / "n", "#!/bin/sh\ntouch relaunched\n");
     fs::permissions(cwd / "l", fs::perms(0755));
     fs::create_directories(cwd / "s");
     const auto helper =
