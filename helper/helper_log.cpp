@@ -1,9 +1,13 @@
 #include "helper/helper_log.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <ctime>
-#include <fstream>
 #include <system_error>
+
+#include "update/file_descriptor.h"
 
 namespace th::helper {
 namespace {
@@ -22,8 +26,12 @@ std::string utcTimestamp() {
 void HelperLog::line(std::string_view step) const {
   std::error_code ignored;
   std::filesystem::create_directories(file_.parent_path(), ignored);
-  std::ofstream out(file_, std::ios::binary | std::ios::app);
-  out << utcTimestamp() << ' ' << step << '\n';
+  // Never through a link planted in the work folder, and never into a program started later.
+  update::FileDescriptor out(
+      ::open(file_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
+  const std::string text = utcTimestamp() + ' ' + std::string(step) + '\n';
+  if (out.get() < 0) return;
+  [[maybe_unused]] const ssize_t written = ::write(out.get(), text.data(), text.size());
 }
 
 }  // namespace th::helper

@@ -7,6 +7,7 @@
 
 #include "helper/command_line.h"
 #include "helper/helper_log.h"
+#include "helper/install_check.h"
 #include "helper/relaunch.h"
 #include "helper/replace_launcher.h"
 #include "helper/wait_for_exit.h"
@@ -15,7 +16,7 @@ namespace {
 
 constexpr int kExitReplaced = 0;
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
+constexpr int kExitRefused = 2;  // a command line that is not one install's hand-off
 constexpr auto kWaitLimit = std::chrono::seconds(30);
 
 }  // namespace
@@ -26,9 +27,15 @@ int main(int argc, char** argv) {
   std::string error;
   if (!parseCommandLine(argc, argv, options, error)) {
     std::cerr << "tarn-hollow-update-helper: " << error << '\n' << usageText();
-    return kExitUsage;
+    return kExitRefused;
   }
   const HelperLog log(workFolderOf(options.target) / "helper.log");
+  // Refused before waiting: the helper renames and starts only what one install staged for it.
+  if (!describesOneInstall(options, error)) {
+    std::cerr << "tarn-hollow-update-helper: refused: " << error << '\n';
+    if (targetNamedLikeLauncher(options)) log.line("refused: " + error);
+    return kExitRefused;
+  }
   log.line("started: replace " + options.target.string() + " with " + options.staged.string());
   waitForLauncherExit(options.waitPid, options.target, kWaitLimit, log);
   // A failed swap does not relaunch: the old launcher would stage the same update and hand it

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "update/clean_exec.h"
+
 namespace th::helper {
 namespace {
 
@@ -15,6 +17,7 @@ namespace {
 // without a byte, so the parent learns the outcome without waiting for the program itself.
 [[noreturn]] void execInChild(const std::string& folder, const std::string& file,
                               const std::string& name, int reportFd) {
+  update::resetInheritedState();
   setsid();
   int failure = 0;
   if (chdir(folder.c_str()) != 0) {

@@ -81,10 +81,6 @@ std::optional<fs::path> stagingFolderOf(const fs::path& staged, const fs::path& 
 bool replaceLauncher(const fs::path& staged, const fs::path& target, const HelperLog& log,
                      std::string& error) {
   std::error_code reason;
-  if (!fs::is_regular_file(fs::symlink_status(staged, reason))) {
-    error = "staged_launcher_not_a_file";
-    return false;
-  }
   // At every moment the launcher's name holds a launcher that starts, the old one or the new:
   // the old one is never taken off its name, and the new one replaces it in one rename, with
   // its bit and its bytes on disk before.

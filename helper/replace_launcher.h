@@ -18,9 +18,8 @@ std::optional<std::filesystem::path> stagingFolderOf(const std::filesystem::path
 
 // Keeps `target` in the work folder's backup area (a hard link, else a copy), then renames
 // `staged` over it with mode 0755, flushed to disk before and after: `target` is a launcher at
-// every moment, and stays the old one when anything fails. Error codes:
-// "staged_launcher_not_a_file", "launcher_backup_failed", "launcher_rename_failed", each
-// followed by ":" and the system's reason where there is one.
+// every moment, and stays the old one when anything fails. Error codes: "launcher_backup_failed"
+// and "launcher_rename_failed", each followed by ":" and the system's reason where there is one.
 bool replaceLauncher(const std::filesystem::path& staged, const std::filesystem::path& target,
                      const HelperLog& log, std::string& error);
 

@@ -10,11 +10,14 @@
 #include <string>
 
 #include "launcher/shared_state.h"
+#include "update/clean_exec.h"
 #include "update/platform.h"
 
 namespace {
 
-// The child's own process ID goes to "--wait-pid"; the helper relies on that reading of it.
+// The child's own process ID goes to "--wait-pid"; the helper relies on that reading of it. The
+// helper, and through it the restarted launcher and the game, inherit nothing of this worker
+// thread but the standard streams.
 // Every way out of the child ends in exec or _exit: 126 cannot enter the folder, 127 cannot
 // execute.
 inline pid_t startUpdateHelper(const std::filesystem::path& helperPath,
@@ -22,6 +25,7 @@ inline pid_t startUpdateHelper(const std::filesystem::path& helperPath,
                                const std::filesystem::path& launcherPath) {
   const pid_t pid = fork();
   if (pid != 0) return pid;
+  th::update::resetInheritedState();
   if (chdir(helperPath.parent_path().c_str()) != 0) _exit(126);
   const std::string ownPid = std::to_string(getpid());
   execl(helperPath.c_str(), helperPath.filename().c_str(), "--wait-pid", ownPid.c_str(),

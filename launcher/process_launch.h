@@ -5,14 +5,18 @@
 
 #include <filesystem>
 
+#include "update/clean_exec.h"
+
 namespace {
 
-// True when a child process was created; whether the program could run shows only in the
+// True when a child process was created. The game starts as from a shell, with nothing of the
+// launcher's but its standard streams. Whether the program could run shows only in the
 // child's exit status (126: cannot enter its folder, 127: cannot execute), which nobody collects.
 inline bool launchProcess(const std::filesystem::path& executable) {
   const pid_t pid = fork();
   if (pid < 0) return false;
   if (pid > 0) return true;
+  th::update::resetInheritedState();
   if (chdir(executable.parent_path().c_str()) != 0) _exit(126);
   execl(executable.c_str(), executable.filename().c_str(), static_cast<char*>(nullptr));
   _exit(127);

@@ -2,9 +2,6 @@
 // The background update job: one check-and-update cycle per call, published into Shared.
 // The mutex is held only while publishing, never across engine, file or process work.
 
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <filesystem>
 #include <mutex>
@@ -22,10 +19,11 @@
 
 namespace {
 
-constexpr int kUpdateJobNice = 10;
 // The job started with the window waits this long before its first step. Its check streams the
-// whole install through the caches, which slowed the first frame even at the lowest priority;
-// the window needs only a few milliseconds after the job starts, the check takes seconds.
+// whole install through the caches, which slowed the first frame; the window needs only a few
+// milliseconds after the job starts, the check takes seconds. The worker keeps the launcher's
+// priority: a thread's nice value passes to what it forks, and the hand-off forks the helper,
+// the restarted launcher and so the game from this thread.
 constexpr std::chrono::milliseconds kStartUpJobPause{50};
 
 // What a successful check means for this installation.
@@ -202,10 +200,6 @@ inline void beginUpdateJob(Shared& shared, const std::filesystem::path& installD
     shared.progressTotal = 0;
   }
   std::thread([sharedPtr = &shared, installDir, channel, repair, elevated, atStartUp] {
-    // A background job: when the cores are busy, the window's thread goes first, so hashing a
-    // large install never holds up a frame. On Linux a nice value belongs to one thread.
-    const auto self = static_cast<id_t>(gettid());
-    setpriority(PRIO_PROCESS, self, getpriority(PRIO_PROCESS, self) + kUpdateJobNice);
     if (atStartUp) std::this_thread::sleep_for(kStartUpJobPause);
     runUpdateJob(*sharedPtr, installDir, channel, repair, elevated);
   }).detach();

@@ -12,8 +12,6 @@
 namespace th::update {
 namespace {
 
-constexpr std::size_t kTransferBufferBytes = 256 * 1024;
-
 // libcurl's easy interface, loaded when the first request is made. Linked at start-up, libcurl
 // and the thirty-odd libraries it needs would be loaded before the window appears, and every
 // symbol that the X11 and GL libraries look up later would be searched in all of them first;
@@ -138,12 +136,7 @@ bool httpDownload(const std::string& url, const std::filesystem::path& destinati
                   ProgressCallback progress, std::string& error) {
   std::error_code ignored;
   std::filesystem::create_directories(destination.parent_path(), ignored);
-  // Large reads from the socket and large writes to the file: a big download then takes a few
-  // thousand system calls instead of tens of thousands. Both buffers live only for the call.
-  const auto fileBuffer = std::make_unique_for_overwrite<char[]>(kTransferBufferBytes);
-  std::ofstream out;
-  out.rdbuf()->pubsetbuf(fileBuffer.get(), kTransferBufferBytes);
-  out.open(destination, std::ios::binary | std::ios::out | std::ios::trunc);
+  std::ofstream out(destination, std::ios::binary | std::ios::out | std::ios::trunc);
   if (out.fail() || out.bad()) {
     error = "download_destination_unwritable";
     return false;
@@ -157,7 +150,6 @@ bool httpDownload(const std::string& url, const std::filesystem::path& destinati
   setOption(handle.get(), CURLOPT_NOPROGRESS, 0L);
   setOption(handle.get(), CURLOPT_XFERINFOFUNCTION, curlProgress);
   setOption(handle.get(), CURLOPT_XFERINFODATA, &callback);
-  setOption(handle.get(), CURLOPT_BUFFERSIZE, static_cast<long>(kTransferBufferBytes));
   const CURLcode result = curl()->easyPerform(handle.get());
   handle.reset();
   // A failed close is not reported: the caller verifies the file's digest anyway.

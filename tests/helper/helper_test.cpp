@@ -1,6 +1,9 @@
 // The update helper run as a real process; the hand-off is in the window test, kills in the
 // crash-safety test.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <regex>
 
 #include "tests/support/system.h"
 
@@ -8,41 +11,103 @@ namespace th::test {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
-// A bad command line (usage, exit code 2, no log) or a failed swap (a folder staged: exit code 1,
-// logged) neither replaces nor starts the launcher, which would hand the update over for ever. A
-// relaunch whose exec fails is a failure too: the player would otherwise be left with nothing.
-TEST(UpdateHelper, RefusedOrFailedRunsKeepTheOldLauncherAndDoNotStartIt) {
+const std::string kOld = "#!/bin/sh\ntouch relaunched\n", kStaged = ".tarnhollow-update/stage-1/";
+
+// A bad command line (usage), or one that does not describe this install's launcher and the file
+// its engine staged, is refused with exit code 2: nothing renamed, nothing started. A failed swap
+// or relaunch ends with 1 and says why in the log: the player would otherwise be left with
+// nothing, or the old launcher would hand the same update over for ever.
+TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   const std::string usage =
       "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
       "--target TARGET --relaunch PROGRAM\n";
+  const std::string launcher = " --target ./tarn-hollow-launcher --relaunch ./tarn-hollow-launcher";
   const std::vector<std::tuple<std::string, int, std::string>> table = {
-      {"", 2, "missing --wait-pid"},
-      {"--wait-pid 7 --replace", 2, "missing value for --replace"},
-      {"--wait-pid 7 --replace s --target t --target u", 2, "repeated --target"},
-      {"--wait-pid 7 --replace s --target t --relaunch r extra", 2, "unknown argument 'extra'"},
+      {"", 2, "missing --wait-pid" + usage},
+      {"--wait-pid 7 --replace", 2, "missing value for --replace" + usage},
+      {"--wait-pid 7 --replace s --target t --target u", 2, "repeated --target" + usage},
+      {"--wait-pid 7 --replace s --target t --relaunch r extra", 2,
+       "unknown argument 'extra'" + usage},
       {"--wait-pid 0 --replace s --target t --relaunch r", 2,
-       "--wait-pid needs a positive process id, not '0'"},
-      {"--wait-pid 2147483647 --replace ./s --target ./l --relaunch ./l", 1,
-       "replacement failed: staged_launcher_not_a_file"},
-      {"--wait-pid 2147483647 --replace ./n --target ./l --relaunch ./gone", 1,
-       "relaunch of ./gone failed: relaunch_exec_failed:No such file or directory"}};
+       "--wait-pid needs a positive process id, not '0'" + usage},
+      {"--wait-pid 2147483647 --replace " + kStaged + "new --target ./l --relaunch ./l", 2,
+       "refused: target_not_a_launcher\n"},
+      {"--wait-pid 2147483647 --replace " + kStaged +
+           "new --target ./tarn-hollow-launcher --relaunch ./l",
+       2, "refused: relaunch_not_the_target\n"},
+      {"--wait-pid 2147483647 --replace ./new" + launcher, 2,
+       "refused: staged_outside_staging_folder\n"},
+      {"--wait-pid 2147483647 --replace .tarnhollow-update/new" + launcher, 2,
+       "refused: staged_outside_staging_folder\n"},
+      {"--wait-pid 2147483647 --replace " + kStaged + "link" + launcher, 2,
+       "refused: staged_launcher_not_a_file\n"},
+      {"--wait-pid 2147483647 --replace " + kStaged + "folder" + launcher, 2,
+       "refused: staged_launcher_not_a_file\n"},
+      {"--wait-pid 2147483647 --replace " + kStaged + "garbage" + launcher, 1,
+       "relaunch of ./tarn-hollow-launcher failed: relaunch_exec_failed:Exec format error\n"}};
   for (const auto& [args, exitCode, message] : table) {
     SCOPED_TRACE(message);
-    TempDir cwd;  // holds the launcher l, a folder s and a copy n of l
-    writeBytes(cwd / "l", "#!/bin/sh\ntouch relaunched\n");
-    writeBytes(cwd / "n", "#!/bin/sh\ntouch relaunched\n");
-    fs::permissions(cwd / "l", fs::perms(0755));
-    fs::create_directories(cwd / "s");
+    TempDir cwd;
+    for (const std::string& file :
+         std::vector<std::string>{"tarn-hollow-launcher", "l", "new", ".tarnhollow-update/new",
+                                  kStaged + "new", kStaged + "garbage"})
+      writeBytes(cwd / file, file.ends_with("garbage") ? "not a program" : kOld);
+    fs::permissions(cwd / "tarn-hollow-launcher", fs::perms(0755));
+    fs::create_directories(cwd / kStaged / "folder");
+    fs::create_symlink("new", cwd / kStaged / "link");
     const auto helper =
         runProcess({"/bin/sh", "-c", TH_UPDATE_HELPER " " + args}, {{}, cwd.path()});
     EXPECT_EQ(helper.exitCode, exitCode);
-    const fs::path log = cwd / ".tarnhollow-update/helper.log";
-    const std::string said = fs::exists(log) ? readBytes(log) : helper.err;
-    const std::string refusal = "tarn-hollow-update-helper: " + message + usage;
-    EXPECT_NE(said.find(exitCode == 2 ? refusal : message + "\n"), std::string::npos) << said;
-    EXPECT_EQ(readBytes(cwd / "l"), "#!/bin/sh\ntouch relaunched\n");
+    const std::string log = readBytes(cwd / ".tarnhollow-update/helper.log");
+    EXPECT_NE((exitCode == 2 ? helper.err : log).find(message), std::string::npos)
+        << helper.err << log;
+    if (message.starts_with("refused") && !message.ends_with("target_not_a_launcher\n")) {
+      EXPECT_NE(log.find(" " + message), std::string::npos) << log;
+    }
+    EXPECT_EQ(readBytes(cwd / "tarn-hollow-launcher"), exitCode == 1 ? "not a program" : kOld);
     EXPECT_FALSE(fs::exists(cwd / "relaunched"));
+  }
+}
+
+// The new launcher starts only once the old one has ended: the helper's own parent, when the
+// launcher passes the helper's ID, or the process named. It starts as from a shell, however the
+// helper was started: the helper's nice value and standard streams, no signal blocked or ignored.
+// The log is never written through a link.
+TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
+  const std::string swap = " --target ./tarn-hollow-launcher --relaunch ./tarn-hollow-launcher";
+  const std::regex clean("nice=" + std::to_string(getpriority(PRIO_PROCESS, 0) + 3) +
+                         "\nfd=0 .*\nfd=1 .*\nfd=2 .*\nSigBlk:\t0{16}\nSigIgn:\t0{16}\n");
+  for (const bool helperIsChildOfLauncher : {true, false}) {
+    SCOPED_TRACE(helperIsChildOfLauncher ? "own pid, parent is the launcher" : "other pid");
+    TempDir root;  // the old launcher is a shell, so that it can start the helper as its child
+    fs::copy_file("/bin/sh", root / "tarn-hollow-launcher");
+    fs::create_directories(root / kStaged);
+    fs::copy_file(TH_RECORDER, root / kStaged / "tarn-hollow-launcher");
+    writeBytes(root / "victim", "");
+    fs::create_symlink("../victim", root / ".tarnhollow-update/helper.log");
+    const ProcessOptions options{{{"TH_RECORD_FILE", (root / "record").string()}}, root.path()};
+    const std::string startHelper = "sh -c 'exec \"$0\" --wait-pid $$ --replace " + kStaged +
+                                    "tarn-hollow-launcher" + swap + "' " TH_UPDATE_HELPER " & ";
+    ChildProcess old({TH_RECORDER, "--exec-unclean", (root / "tarn-hollow-launcher").string(), "-c",
+                      (helperIsChildOfLauncher ? startHelper : "") + "sleep 1; touch ended"},
+                     options);
+    std::optional<ChildProcess> helper;
+    if (!helperIsChildOfLauncher) {
+      helper.emplace(std::vector<std::string>{TH_RECORDER, "--exec-unclean", TH_UPDATE_HELPER,
+                                              "--wait-pid", std::to_string(old.pid()), "--replace",
+                                              kStaged + "tarn-hollow-launcher", "--target",
+                                              "./tarn-hollow-launcher", "--relaunch",
+                                              "./tarn-hollow-launcher"},
+                     options);
+    }
+    EXPECT_EQ(old.wait(10s), 0);  // reaped here, or the helper would see it linger as a zombie
+    ASSERT_TRUE(waitUntil([&] { return fs::exists(root / "record"); }, 20s));
+    EXPECT_GE(fs::last_write_time(root / "record"), fs::last_write_time(root / "ended"));
+    const std::string record = readBytes(root / "record");
+    EXPECT_TRUE(std::regex_search(record, clean)) << record;
+    EXPECT_EQ(readBytes(root / "victim"), "");
   }
 }
 

@@ -3,6 +3,8 @@
 // driven with xdotool. The recorder program stands in for the game.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <random>
 #include <thread>
 
@@ -44,10 +46,10 @@ class Launcher : public ::testing::Test {
     return display.optionsFor(options);
   }
 
-  void start() {
+  void start(Lines starter = {}) {
     ASSERT_TRUE(display.ok());
-    launcher =
-        std::make_unique<ChildProcess>(Lines{(root / "tarn-hollow-launcher").string()}, options());
+    starter.push_back((root / "tarn-hollow-launcher").string());
+    launcher = std::make_unique<ChildProcess>(starter, options());
     const auto found = display.waitForWindow(kTitle, 20s, launcher->pid());
     ASSERT_TRUE(found) << launcher->err();
     window = *found;
@@ -68,6 +70,21 @@ class Launcher : public ::testing::Test {
                  (!also || also(screen));
         },
         90s);
+  }
+
+  // Started by a parent that leaves more to its children than a shell (the recorder's
+  // "--exec-unclean": nice +3, a signal blocked, one ignored, a descriptor open).
+  void startUnclean() { start({TH_RECORDER, "--exec-unclean"}); }
+
+  // What the recorder must find when started, however indirectly, by that launcher: its nice
+  // value and standard streams, nothing else open, no signal blocked or ignored.
+  std::string cleanStartAfter() const {
+    std::string expected = "nice=" + std::to_string(getpriority(PRIO_PROCESS, launcher->pid()));
+    for (const char* fd : {"0", "1", "2"}) {
+      const fs::path link = "/proc/" + std::to_string(launcher->pid()) + "/fd/" + fd;
+      expected += std::string("\nfd=") + fd + " " + fs::read_symlink(link).string();
+    }
+    return expected + "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
   }
 
   bool click(std::pair<int, int> point) { return display.click(window, point.first, point.second); }
@@ -152,8 +169,9 @@ TEST_F(Launcher, ClosedAnywhereInAJobEndsCleanlyAndTheNextStartHeals) {
   EXPECT_EQ(readBytes(root / "data" / "a.pak") + readBytes(root / "data" / "b.pak"), pack + pack);
 }
 
-// The game is started as a child of its own, in the install folder, and the launcher closes;
-// without video, the launcher ends with 1 and says nothing.
+// The game is started as a child of its own, in the install folder, with nothing of the
+// launcher's but its nice value and standard streams, and the launcher closes; without video, the
+// launcher ends with 1 and says nothing.
 TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
   prepareInstall(root, std::nullopt);
   fs::copy_file(TH_RECORDER, root / "tarn-hollow");
@@ -161,27 +179,32 @@ TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
   noVideo.env["SDL_VIDEO_DRIVER"] = "no-such-video-driver";
   const ProcessResult r = runProcess({(root / "tarn-hollow-launcher").string()}, noVideo);
   EXPECT_EQ(std::make_pair(r.exitCode, r.out + r.err), std::make_pair(1, std::string()));
-  start();
+  startUnclean();
+  const std::string expected = cleanStartAfter();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
   ASSERT_TRUE(display.key(window, "Return"));
   EXPECT_EQ(launcher->wait(20s), 0);
   // The recorder wrote "pid=...", "cwd=...", then "arg=..." for each argument.
   ASSERT_TRUE(waitUntil([&] { return fs::exists(scratch / "started.txt"); }, 20s));
   const std::string started = readBytes(scratch / "started.txt");
-  EXPECT_EQ(started.substr(started.find('\n') + 1),
-            "cwd=" + fs::canonical(root).string() + "\narg=tarn-hollow\n");
+  EXPECT_NE(
+      started.find("\ncwd=" + fs::canonical(root).string() + "\narg=tarn-hollow\n" + expected),
+      std::string::npos)
+      << started;
   EXPECT_NE(started.substr(0, started.find('\n')), "pid=" + std::to_string(launcher->pid()));
 }
 
 // The launcher stages its successor, hands it to the real helper and quits; the helper waits for
 // it, swaps the new file in, keeps the old one with the update's backups and starts it; the new
-// launcher checks again.
+// launcher checks again, and Return starts the game. Started by a careless parent, the first
+// launcher passes on only its nice value and standard streams: the game starts as from a shell.
 TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
   const std::string running = readBytes(root / "tarn-hollow-launcher");
   const std::string successor = running + "launcher 1.3.0";  // an ELF loader ignores the tail
-  serve({{"tarn-hollow-launcher", successor, true}, {"data/world.pak", "w"}});
+  serve({{"tarn-hollow-launcher", successor, true}, {"tarn-hollow", readBytes(TH_RECORDER), true}});
   fs::copy_file(TH_UPDATE_HELPER, root / "tarn-hollow-update-helper");
-  start();
+  startUnclean();
+  const std::string expected = cleanStartAfter();
   EXPECT_EQ(launcher->wait(90s), 0);
   const fs::path work = root / ".tarnhollow-update";
   const auto log = [&] { return readBytes(work / "helper.log"); };
@@ -203,13 +226,16 @@ TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
   ASSERT_EQ(kept.size(), 2u);
   EXPECT_EQ(kept[1], kept[0] + "/tarn-hollow-launcher");
   EXPECT_EQ(readBytes(work / kept[1]), running);
-  EXPECT_TRUE(waitUntil(  // the new launcher's own check, then its window is closed
+  ASSERT_TRUE(waitUntil(  // the new launcher's own check; Return is ignored until it has ended
       [&] {
         const auto shown = display.waitForWindow(kTitle, 2s);
-        return server->accessLog().find("json") != server->accessLog().rfind("json") && shown &&
-               display.requestClose(*shown);
+        if (server->accessLog().find("json") != server->accessLog().rfind("json") && shown)
+          display.key(*shown, "Return");
+        return fs::exists(scratch / "started.txt");
       },
       60s));
+  const std::string started = readBytes(scratch / "started.txt");
+  EXPECT_EQ(started.substr(started.find("nice=")), expected);
 }
 
 }  // namespace

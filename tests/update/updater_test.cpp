@@ -65,7 +65,6 @@ class Updater : public ::testing::Test {
   // /hop/x/x... loses an /x per redirect, /hop goes to the file: chains of known length.
   NginxServer nginx{www.path(),
                     "location = /loop { return 302 /loop; }\n"
-                    "location = /big.bin { limit_rate 2m; }\n"  // progress mid-way
                     "location = /hop { return 302 /hello.txt; }\n"
                     "location ~ ^/hop/x(/.*)?$ { return 301 /hop$1; }\n"};
   update::Updater updater{install.path()};
@@ -107,6 +106,9 @@ TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
   ASSERT_FALSE(progress.empty());
   EXPECT_EQ(progress.back(), std::make_pair(size_t{3000000}, size_t{3000000}));
   for (const auto& [done, total] : progress) EXPECT_LE(done, total);
+  // At loopback speed too, the bar moves within a file of a few MiB.
+  EXPECT_TRUE(std::any_of(progress.begin(), progress.end(),
+                          [](auto report) { return report.first > 0 && report.first < 3000000; }));
   EXPECT_NE(nginx.accessLog(1).find("GET /big.bin 200 \"TarnHollowLauncher/1.0.3\""),
             std::string::npos);
 

@@ -1,0 +1,22 @@
+#pragma once
+// What the helper agrees to do: swap one install's launcher for the file that install's engine
+// staged, and start that launcher again. Anything else on its command line is refused before it
+// waits, renames or starts anything.
+
+#include <string>
+
+#include "helper/command_line.h"
+
+namespace th::helper {
+
+// True when `options` describe one install's launcher. Otherwise `error` is one of
+// "target_not_a_launcher" (not named tarn-hollow-launcher), "relaunch_not_the_target",
+// "staged_launcher_not_a_file" (a link, a folder, nothing) and "staged_outside_staging_folder"
+// (not inside the target's own .tarnhollow-update/stage-*/).
+bool describesOneInstall(const HelperOptions& options, std::string& error);
+
+// True when `options.target` is named like an install's launcher, so its work folder may hold
+// the helper's log.
+bool targetNamedLikeLauncher(const HelperOptions& options);
+
+}  // namespace th::helper
