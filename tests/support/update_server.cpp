@@ -31,7 +31,7 @@ std::string manifestText(const Release& release) {
 // Single process, no user switch: with a master process nginx running as root would drop its
 // workers to `nobody`, who cannot read the test's private 0700 folders. Relative paths are below
 // the prefix folder given with -p.
-std::string nginxConfig(int port, const std::string& root, const std::string& extra) {
+std::string nginxConfig(int port, bool tls, const std::string& root, const std::string& extra) {
   return R"(daemon off; master_process off; worker_processes 1;
 pid nginx.pid;
 error_log error.log info;
@@ -43,7 +43,7 @@ http {
   uwsgi_temp_path uwsgi; scgi_temp_path scgi;
   default_type application/octet-stream;
   server { listen 127.0.0.1:)" +
-         std::to_string(port) + "; root " + root + "; " + extra + " }\n}\n";
+         std::to_string(port) + (tls ? " ssl" : "") + "; root " + root + "; " + extra + " }\n}\n";
 }
 
 }  // namespace
@@ -93,13 +93,18 @@ void prepareInstall(const std::filesystem::path& installDir,
 }
 
 NginxServer::NginxServer(const std::filesystem::path& documentRoot,
-                         const std::string& extraServerConfig) {
+                         const std::string& extraServerConfig,
+                         const std::optional<ServerCertificate>& tls)
+    : tls_(tls.has_value()) {
+  const std::string tlsConfig = tls ? "ssl_certificate " + tls->certificate.string() +
+                                          "; ssl_certificate_key " + tls->key.string() + ";"
+                                    : "";
   std::error_code ignored;
   // Below Linux's range for outgoing connections; nginx exits when the port is taken: try another.
   std::mt19937 random(std::random_device{}());
   for (int attempt = 0; attempt < 5 && !ok(); ++attempt) {
     port_ = 20000 + static_cast<int>(random() % 12000);
-    start(std::filesystem::absolute(documentRoot, ignored), extraServerConfig);
+    start(std::filesystem::absolute(documentRoot, ignored), tlsConfig + extraServerConfig);
   }
 }
 
@@ -113,7 +118,8 @@ bool NginxServer::start(const std::filesystem::path& documentRoot,
                         const std::string& extraServerConfig) {
   std::error_code ignored;
   std::filesystem::remove(dir_ / "nginx.pid", ignored);
-  writeBytes(dir_ / "nginx.conf", nginxConfig(port_, documentRoot.string(), extraServerConfig));
+  writeBytes(dir_ / "nginx.conf",
+             nginxConfig(port_, tls_, documentRoot.string(), extraServerConfig));
   auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
       "/usr/sbin/nginx", "-p", dir_.path().string() + "/", "-c", (dir_ / "nginx.conf").string(),
       "-e", (dir_ / "error.log").string()});
@@ -124,7 +130,9 @@ bool NginxServer::start(const std::filesystem::path& documentRoot,
   return ok();
 }
 
-std::string NginxServer::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+std::string NginxServer::url() const {
+  return (tls_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_);
+}
 
 std::string NginxServer::accessLog(size_t requests) const {
   std::string log;

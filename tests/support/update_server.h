@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/system.h"
+#include "tests/support/tls.h"
 
 namespace th::test {
 
@@ -50,16 +51,18 @@ void prepareInstall(const std::filesystem::path& installDir,
 // A real nginx serving `documentRoot` on a port of 127.0.0.1, with its configuration, logs and
 // temporary folders in a private folder; stopped with its process group at scope end.
 // `extraServerConfig` is pasted into the server block (`location = /loop { return 302 /loop; }`).
+// With a certificate it serves HTTPS only.
 class NginxServer {
  public:
   explicit NginxServer(const std::filesystem::path& documentRoot,
-                       const std::string& extraServerConfig = "");
+                       const std::string& extraServerConfig = "",
+                       const std::optional<ServerCertificate>& tls = std::nullopt);
   ~NginxServer();
   NginxServer(const NginxServer&) = delete;
   NginxServer& operator=(const NginxServer&) = delete;
 
   bool ok() const { return process_ != nullptr; }  // false: see errorLog()
-  std::string url() const;                         // "http://127.0.0.1:PORT"
+  std::string url() const;                         // "http://127.0.0.1:PORT" or "https://..."
   // `METHOD URI STATUS "USER-AGENT"` per request, once at least `requests` lines are there (nginx
   // logs a request after answering it; waits up to 10 s).
   std::string accessLog(size_t requests = 0) const;
@@ -70,6 +73,7 @@ class NginxServer {
 
   TempDir dir_;
   int port_ = 0;
+  bool tls_ = false;
   std::unique_ptr<ChildProcess> process_;
 };
 

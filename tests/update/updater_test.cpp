@@ -117,6 +117,52 @@ TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
   EXPECT_FALSE(fs::exists(destination));
 }
 
+// Over HTTPS the launcher trusts the machine's CA bundle alone: a certificate from another CA, an
+// expired one or one for another host name is refused before any request, with libcurl's text.
+// A redirect from http to https is followed; one to a local file is not.
+TEST(Https, TrustsOnlyValidCertificatesAndNoRedirectOffTheWeb) {
+  ASSERT_EQ(geteuid(), 0u) << "the HTTPS cases need root, for a private mount namespace";
+  const TestCertificates tls;
+  ASSERT_TRUE(tls.ok());
+  TempDir www;
+  publishRelease(www.path(),
+                 {"1.1.0", {{"tarn-hollow", "game 1.1", true}, {"data/a.pak", "a"}}, false, ""});
+  NginxServer https(www.path(), "", tls.good);
+  const std::string refused = curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION);
+  const struct {
+    std::string name, config;
+    std::optional<ServerCertificate> certificate;
+    std::string printed;
+  } table[] = {
+      {"trusted", "", tls.good, "1.1.0"},
+      {"other CA", "", tls.untrusted, refused},
+      {"expired", "", tls.expired, refused},
+      {"other host name", "", tls.otherHost, refused},
+      {"http to https", "return 301 " + https.url() + "$request_uri;", {}, "1.1.0"},
+      {"http to file",
+       "return 302 file://" + www.path().string() + "$request_uri;",
+       {},
+       curl_easy_strerror(CURLE_UNSUPPORTED_PROTOCOL)},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.name);
+    NginxServer server(www.path(), row.config, row.certificate);
+    TempDir install;
+    prepareInstall(install.path(), server.url(), "1.0.0\n");
+    const FolderSnapshot before = snapshotFolder(install.path());
+    const ProcessResult client =
+        runProcess(tls.trusting({TH_UPDATE_CLIENT, install.path().string(), server.url()}));
+    EXPECT_EQ(client.out, row.printed + "\n") << client.err;
+    if (row.printed == "1.1.0") {
+      EXPECT_EQ(readBytes(install / "tarn-hollow") + readBytes(install / "data/a.pak"),
+                "game 1.1a");
+    } else {
+      EXPECT_EQ(snapshotDiff(before, snapshotFolder(install.path())), "");
+      EXPECT_EQ(server.accessLog().find(" 200 "), std::string::npos) << server.accessLog();
+    }
+  }
+}
+
 Release fiveFiles() {
   Release release;
   release.version = "2.0.0";
