@@ -92,6 +92,53 @@ void prepareInstall(const std::filesystem::path& installDir,
   if (gameVersion) writeBytes(installDir / "data" / "game_version", *gameVersion);
 }
 
+TestCertificates::TestCertificates() {
+  ServerCertificate ca, otherCa;
+  ok_ = make(ca, "ca", "", "") && make(otherCa, "other-ca", "", "") &&
+        make(good, "good", "ca", "IP:127.0.0.1") &&
+        make(expired, "expired", "ca", "IP:127.0.0.1", "-1") &&
+        make(otherHost, "other-host", "ca", "DNS:updates.example.invalid") &&
+        make(untrusted, "untrusted", "other-ca", "IP:127.0.0.1");
+}
+
+// A CA when `ca` is empty, else a certificate that `ca` signs.
+bool TestCertificates::make(ServerCertificate& server, const std::string& name,
+                            const std::string& ca, const std::string& subjectAltName,
+                            const std::string& days) {
+  server = {dir_ / (name + ".pem"), dir_ / (name + ".key")};
+  std::vector<std::string> request = {"/usr/bin/openssl",
+                                      "req",
+                                      "-newkey",
+                                      "ec",
+                                      "-pkeyopt",
+                                      "ec_paramgen_curve:P-256",
+                                      "-nodes",
+                                      "-keyout",
+                                      server.key.string(),
+                                      "-subj",
+                                      "/CN=" + name,
+                                      "-out",
+                                      name + (ca.empty() ? ".pem" : ".csr")};
+  if (ca.empty()) request.insert(request.end(), {"-x509", "-days", days});
+  const bool made = runProcess(request, {{}, dir_.path()}).exitCode == 0;
+  if (!made || ca.empty()) return made;
+  writeBytes(dir_ / (name + ".ext"), "subjectAltName=" + subjectAltName + "\n");
+  return runProcess({"/usr/bin/openssl", "x509", "-req", "-in", name + ".csr", "-CA", ca + ".pem",
+                     "-CAkey", ca + ".key", "-CAcreateserial", "-days", days, "-extfile",
+                     name + ".ext", "-out", name + ".pem"},
+                    {{}, dir_.path()})
+             .exitCode == 0;
+}
+
+std::vector<std::string> TestCertificates::trusting(std::vector<std::string> argv) const {
+  // unshare makes the new namespace's mounts private: the bind mount stays inside it.
+  argv.insert(argv.begin(),
+              {"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
+               "mount --bind \"$0\" /etc/ssl/certs/ca-certificates.crt && exec \"$@\"",
+               (dir_ / "ca.pem").string()});
+  return argv;
+}
+
 NginxServer::NginxServer(const std::filesystem::path& documentRoot,
                          const std::string& extraServerConfig,
                          const std::optional<ServerCertificate>& tls)

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "tests/support/system.h"
-#include "tests/support/tls.h"
 
 namespace th::test {
 
@@ -47,6 +46,29 @@ void publishRawManifest(const std::filesystem::path& serverRoot, const std::stri
 void prepareInstall(const std::filesystem::path& installDir,
                     const std::optional<std::string>& serverUrl,
                     const std::optional<std::string>& gameVersion = std::nullopt);
+
+struct ServerCertificate {
+  std::filesystem::path certificate, key;
+};
+
+// A CA made for one test with the openssl command line and the server certificates it signs: for
+// 127.0.0.1; the same expired; for another host name; and one from another CA.
+class TestCertificates {
+ public:
+  TestCertificates();
+  bool ok() const { return ok_; }
+  // `argv` in a private mount namespace (root only) where the system's CA bundle, the one that
+  // libcurl reads, holds the test CA alone: nothing on the machine changes.
+  std::vector<std::string> trusting(std::vector<std::string> argv) const;
+
+  ServerCertificate good, expired, otherHost, untrusted;
+
+ private:
+  bool make(ServerCertificate& server, const std::string& name, const std::string& ca,
+            const std::string& subjectAltName, const std::string& days = "2");
+  TempDir dir_;
+  bool ok_ = false;
+};
 
 // A real nginx serving `documentRoot` on a port of 127.0.0.1, with its configuration, logs and
 // temporary folders in a private folder; stopped with its process group at scope end.
