@@ -23,29 +23,23 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   const std::string usage =
       "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
       "--target TARGET --relaunch PROGRAM\n";
-  const std::string launcher = " --target ./tarn-hollow-launcher --relaunch ./tarn-hollow-launcher";
+  const std::string swap = "--wait-pid 2147483647 --replace ",
+                    in = " --target ./tarn-hollow-launcher";
+  const std::string launcher = in + " --relaunch ./tarn-hollow-launcher";
   const std::vector<std::tuple<std::string, int, std::string>> table = {
       {"", 2, "missing --wait-pid" + usage},
       {"--wait-pid 7 --replace", 2, "missing value for --replace" + usage},
       {"--wait-pid 7 --replace s --target t --target u", 2, "repeated --target" + usage},
-      {"--wait-pid 7 --replace s --target t --relaunch r extra", 2,
-       "unknown argument 'extra'" + usage},
+      {"--wait-pid 7 --replace s --target t --relaunch r x", 2, "unknown argument 'x'" + usage},
       {"--wait-pid 0 --replace s --target t --relaunch r", 2,
        "--wait-pid needs a positive process id, not '0'" + usage},
-      {"--wait-pid 2147483647 --replace " + kStaged + "new --target ./l --relaunch ./l", 2,
-       "refused: target_not_a_launcher\n"},
-      {"--wait-pid 2147483647 --replace " + kStaged +
-           "new --target ./tarn-hollow-launcher --relaunch ./l",
-       2, "refused: relaunch_not_the_target\n"},
-      {"--wait-pid 2147483647 --replace ./new" + launcher, 2,
-       "refused: staged_outside_staging_folder\n"},
-      {"--wait-pid 2147483647 --replace .tarnhollow-update/new" + launcher, 2,
-       "refused: staged_outside_staging_folder\n"},
-      {"--wait-pid 2147483647 --replace " + kStaged + "link" + launcher, 2,
-       "refused: staged_launcher_not_a_file\n"},
-      {"--wait-pid 2147483647 --replace " + kStaged + "folder" + launcher, 2,
-       "refused: staged_launcher_not_a_file\n"},
-      {"--wait-pid 2147483647 --replace " + kStaged + "garbage" + launcher, 1,
+      {swap + kStaged + "new --target ./l --relaunch ./l", 2, "refused: target_not_a_launcher\n"},
+      {swap + kStaged + "new" + in + " --relaunch ./l", 2, "refused: relaunch_not_the_target\n"},
+      {swap + "./new" + launcher, 2, "refused: staged_outside_staging_folder\n"},
+      {swap + ".tarnhollow-update/new" + launcher, 2, "refused: staged_outside_staging_folder\n"},
+      {swap + kStaged + "link" + launcher, 2, "refused: staged_launcher_not_a_file\n"},
+      {swap + kStaged + "folder" + launcher, 2, "refused: staged_launcher_not_a_file\n"},
+      {swap + kStaged + "garbage" + launcher, 1,
        "relaunch of ./tarn-hollow-launcher failed: relaunch_exec_failed:Exec format error\n"}};
   for (const auto& [args, exitCode, message] : table) {
     SCOPED_TRACE(message);
@@ -76,7 +70,9 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
 // helper was started: the helper's nice value and standard streams, no signal blocked or ignored.
 // The log is never written through a link.
 TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
-  const std::string swap = " --target ./tarn-hollow-launcher --relaunch ./tarn-hollow-launcher";
+  const std::string args = " --replace " + kStaged +
+                           "tarn-hollow-launcher --target ./tarn-hollow-launcher --relaunch "
+                           "./tarn-hollow-launcher";
   const std::regex clean("nice=" + std::to_string(getpriority(PRIO_PROCESS, 0) + 3) +
                          "\nfd=0 .*\nfd=1 .*\nfd=2 .*\nSigBlk:\t0{16}\nSigIgn:\t0{16}\n");
   for (const bool helperIsChildOfLauncher : {true, false}) {
@@ -88,18 +84,17 @@ TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
     writeBytes(root / "victim", "");
     fs::create_symlink("../victim", root / ".tarnhollow-update/helper.log");
     const ProcessOptions options{{{"TH_RECORD_FILE", (root / "record").string()}}, root.path()};
-    const std::string startHelper = "sh -c 'exec \"$0\" --wait-pid $$ --replace " + kStaged +
-                                    "tarn-hollow-launcher" + swap + "' " TH_UPDATE_HELPER " & ";
+    const std::string startHelper =
+        "sh -c 'exec \"$0\" --wait-pid $$" + args + "' " TH_UPDATE_HELPER " & ";
     ChildProcess old({TH_RECORDER, "--exec-unclean", (root / "tarn-hollow-launcher").string(), "-c",
                       (helperIsChildOfLauncher ? startHelper : "") + "sleep 1; touch ended"},
                      options);
     std::optional<ChildProcess> helper;
     if (!helperIsChildOfLauncher) {
-      helper.emplace(std::vector<std::string>{TH_RECORDER, "--exec-unclean", TH_UPDATE_HELPER,
-                                              "--wait-pid", std::to_string(old.pid()), "--replace",
-                                              kStaged + "tarn-hollow-launcher", "--target",
-                                              "./tarn-hollow-launcher", "--relaunch",
-                                              "./tarn-hollow-launcher"},
+      helper.emplace(std::vector<std::string>{"/bin/sh", "-c",
+                                              "exec " TH_RECORDER
+                                              " --exec-unclean " TH_UPDATE_HELPER " --wait-pid " +
+                                                  std::to_string(old.pid()) + args},
                      options);
     }
     EXPECT_EQ(old.wait(10s), 0);  // reaped here, or the helper would see it linger as a zombie
