@@ -75,7 +75,7 @@ bool setupCurl(CURL* handle, const std::string& url, std::string& error) {
   setOption(handle, CURLOPT_TIMEOUT, 180L);
   setOption(handle, CURLOPT_USERAGENT, "TarnHollowLauncher/1.0.3");
   setOption(handle, CURLOPT_FAILONERROR, 1L);
-  setOption(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+  setOption(handle, CURLOPT_SSL_VERIFYPEER, 1L);
   setOption(handle, CURLOPT_SSL_VERIFYHOST, 2L);
   return true;
 }

@@ -57,9 +57,9 @@ class TestCertificates {
  public:
   TestCertificates();
   bool ok() const { return ok_; }
-  // `argv` in a private mount namespace (root only) where the system's CA bundle, the one that
-  // libcurl reads, holds the test CA alone: nothing on the machine changes.
-  std::vector<std::string> trusting(std::vector<std::string> argv) const;
+  // Puts this process (root only) in a mount namespace of its own where the system's CA bundle,
+  // the one libcurl reads, holds the test CA alone: nothing on the machine changes.
+  bool trustedHere() const;
 
   ServerCertificate good, expired, otherHost, untrusted;
 

@@ -38,6 +38,7 @@ const std::string kLauncher = "tarn-hollow-launcher";
 class Updater : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_TRUE(tls.ok() && tls.trustedHere()) << "the HTTPS tests need openssl and root";
     ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
     writeBytes(www / "hello.txt", "hello from nginx\n");
     writeBytes(www / "big.bin", std::string(3000000, 'z'));
@@ -61,37 +62,56 @@ class Updater : public ::testing::Test {
     return names;
   }
 
+  const TestCertificates tls;
   TempDir www, install;
-  // /hop/x/x... loses an /x per redirect, /hop goes to the file: chains of known length.
+  // Over HTTPS. /hop/x/x... loses an /x per redirect, /hop goes to the file: chains of known
+  // length.
   NginxServer nginx{www.path(),
                     "location = /loop { return 302 /loop; }\n"
                     "location = /hop { return 302 /hello.txt; }\n"
-                    "location ~ ^/hop/x(/.*)?$ { return 301 /hop$1; }\n"};
+                    "location ~ ^/hop/x(/.*)?$ { return 301 /hop$1; }\n",
+                    tls.good};
   update::Updater updater{install.path()};
 };
 
 using Http = Updater;
 
-TEST_F(Http, GetFollowsUpToFiveRedirectsAndReportsLibcurlTexts) {
-  const std::string tooMany = curl_easy_strerror(CURLE_TOO_MANY_REDIRECTS);
+// Only certificates that the system's CA bundle (here the test CA's alone) vouches for are
+// trusted: one from another CA, an expired one or one for another host name is refused before
+// any request. Redirects are followed from http to https, never to a local file.
+TEST_F(Http, GetFollowsRedirectsOnTheWebTrustsOnlyValidCertificatesAndReportsLibcurlTexts) {
+  const std::string hello = "hello from nginx\n",
+                    tooMany = curl_easy_strerror(CURLE_TOO_MANY_REDIRECTS),
+                    refused = curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION);
+  NginxServer untrusted(www.path(), "", tls.untrusted), expired(www.path(), "", tls.expired),
+      otherHost(www.path(), "", tls.otherHost),
+      redirects(www.path(), "location = /https { return 301 " + nginx.url() + "/hello.txt; }\n" +
+                                "location = /file { return 302 file://" + www.path().string() +
+                                "/hello.txt; }\n");
   const struct {
-    std::string path;
+    std::string url;
     bool ok;
     std::string bodyOrError;
   } table[] = {
-      {"/hello.txt", true, "hello from nginx\n"},
-      {"/missing.txt", false, curl_easy_strerror(CURLE_HTTP_RETURNED_ERROR)},
-      {"/hop/x/x/x/x", true, "hello from nginx\n"},
-      {"/hop/x/x/x/x/x", false, tooMany},
-      {"/loop", false, tooMany},
+      {nginx.url() + "/hello.txt", true, hello},
+      {nginx.url() + "/missing.txt", false, curl_easy_strerror(CURLE_HTTP_RETURNED_ERROR)},
+      {nginx.url() + "/hop/x/x/x/x", true, hello},
+      {nginx.url() + "/hop/x/x/x/x/x", false, tooMany},
+      {nginx.url() + "/loop", false, tooMany},
+      {untrusted.url() + "/hello.txt", false, refused},
+      {expired.url() + "/hello.txt", false, refused},
+      {otherHost.url() + "/hello.txt", false, refused},
+      {redirects.url() + "/https", true, hello},
+      {redirects.url() + "/file", false, curl_easy_strerror(CURLE_UNSUPPORTED_PROTOCOL)},
   };
   for (const auto& row : table) {
     std::string body, error;
-    EXPECT_EQ(update::httpGet(nginx.url() + row.path, body, error), row.ok) << row.path;
-    EXPECT_EQ(row.ok ? body : error, row.bodyOrError) << row.path;
+    EXPECT_EQ(update::httpGet(row.url, body, error), row.ok) << row.url;
+    EXPECT_EQ(row.ok ? body : error, row.bodyOrError) << row.url;
   }
-  EXPECT_NE(nginx.accessLog(7).find("GET /hello.txt 200 \"TarnHollowLauncher/1.0.3\""),
+  EXPECT_NE(nginx.accessLog(8).find("GET /hello.txt 200 \"TarnHollowLauncher/1.0.3\""),
             std::string::npos);
+  EXPECT_EQ(untrusted.accessLog() + expired.accessLog() + otherHost.accessLog(), "");
 }
 
 TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
@@ -115,52 +135,6 @@ TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
   EXPECT_FALSE(update::httpDownload(nginx.url() + "/missing.bin", destination, {}, error));
   EXPECT_EQ(error, curl_easy_strerror(CURLE_HTTP_RETURNED_ERROR));
   EXPECT_FALSE(fs::exists(destination));
-}
-
-// Over HTTPS the launcher trusts the machine's CA bundle alone: a certificate from another CA, an
-// expired one or one for another host name is refused before any request, with libcurl's text.
-// A redirect from http to https is followed; one to a local file is not.
-TEST(Https, TrustsOnlyValidCertificatesAndNoRedirectOffTheWeb) {
-  ASSERT_EQ(geteuid(), 0u) << "the HTTPS cases need root, for a private mount namespace";
-  const TestCertificates tls;
-  ASSERT_TRUE(tls.ok());
-  TempDir www;
-  publishRelease(www.path(),
-                 {"1.1.0", {{"tarn-hollow", "game 1.1", true}, {"data/a.pak", "a"}}, false, ""});
-  NginxServer https(www.path(), "", tls.good);
-  const std::string refused = curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION);
-  const struct {
-    std::string name, config;
-    std::optional<ServerCertificate> certificate;
-    std::string printed;
-  } table[] = {
-      {"trusted", "", tls.good, "1.1.0"},
-      {"other CA", "", tls.untrusted, refused},
-      {"expired", "", tls.expired, refused},
-      {"other host name", "", tls.otherHost, refused},
-      {"http to https", "return 301 " + https.url() + "$request_uri;", {}, "1.1.0"},
-      {"http to file",
-       "return 302 file://" + www.path().string() + "$request_uri;",
-       {},
-       curl_easy_strerror(CURLE_UNSUPPORTED_PROTOCOL)},
-  };
-  for (const auto& row : table) {
-    SCOPED_TRACE(row.name);
-    NginxServer server(www.path(), row.config, row.certificate);
-    TempDir install;
-    prepareInstall(install.path(), server.url(), "1.0.0\n");
-    const FolderSnapshot before = snapshotFolder(install.path());
-    const ProcessResult client =
-        runProcess(tls.trusting({TH_UPDATE_CLIENT, install.path().string(), server.url()}));
-    EXPECT_EQ(client.out, row.printed + "\n") << client.err;
-    if (row.printed == "1.1.0") {
-      EXPECT_EQ(readBytes(install / "tarn-hollow") + readBytes(install / "data/a.pak"),
-                "game 1.1a");
-    } else {
-      EXPECT_EQ(snapshotDiff(before, snapshotFolder(install.path())), "");
-      EXPECT_EQ(server.accessLog().find(" 200 "), std::string::npos) << server.accessLog();
-    }
-  }
 }
 
 Release fiveFiles() {
