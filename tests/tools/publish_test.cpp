@@ -63,8 +63,13 @@ void expectRefused(const Studio& studio, const ProcessResult& result,
 }
 
 // What players will download, checked end to end through the engine; any progress comes first.
+// Its scratch folder (the key, each download) goes again.
 void expectVerify(const std::string& url, const std::vector<std::string>& problems) {
-  const ProcessResult result = runProcess({TH_PUBLISH_DEVKEY, "verify", "--url", url});
+  const TempDir tmp;
+  ProcessOptions options;
+  options.env["TMPDIR"] = tmp.path().string();
+  const ProcessResult result = runProcess({TH_PUBLISH_DEVKEY, "verify", "--url", url}, options);
+  EXPECT_TRUE(fs::is_empty(tmp.path()));
   std::string report =
       "tarn-hollow-publish: " + url + "/stable/linux does not serve a good release:\n";
   for (const std::string& line : problems) report += "  " + line + "\n";
@@ -181,9 +186,10 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
 TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   Studio s;
   // Which names the launcher refuses is the engine's own table; one of them stands for all here.
-  for (const char* name : {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
-                           "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme",
-                           ".tarnhollow-update", "100%.txt"}) {
+  for (const char* name :
+       {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
+        "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme", ".tarnhollow-update",
+        "100%.txt", "data/update_server.txt", "save", "esc\x1b[2Jape"}) {
     writeBytes(s.release / name, "x");
   }
   fs::create_symlink("../../notes.txt", s.release / "data" / "up");
@@ -222,9 +228,24 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
        "data/game_version: the launcher's version marker: it rewrites the file after every "
        "update, so every start would download it again",
        "data/up: symbolic link leaving the release folder",
-       "data/update_public_key.pem: the launcher refuses this name", "pipe: not a regular file",
+       "data/update_public_key.pem: the launcher refuses this name",
+       "data/update_server.txt: each player's server address, set when the game is packaged: a "
+       "release must not change it (move players with an HTTP redirect)",
+       "esc\\x1b[2Jape: characters the launcher cannot fetch (names may hold letters, digits and "
+       "- . _ ~ ! $ & ' ( ) * + , ; = @)",
+       "pipe: not a regular file",
+       "save: would displace the folder of the player's old saves",
        "tarn-hollow-update-helper/readme: lies below tarn-hollow-update-helper, a file in every "
        "install"});
+
+  // A file the tool may not read (root without its override) is named; nothing is published.
+  Studio unreadable;
+  fs::permissions(unreadable.release / "data" / "empty.flag", fs::perms::none);
+  std::vector<std::string> argv = unreadable.args("1.1.0");
+  argv.insert(argv.begin(), {"/usr/bin/setpriv", "--bounding-set=-dac_override,-dac_read_search",
+                             "--inh-caps=-dac_override,-dac_read_search"});
+  expectRefused(unreadable, runProcess(argv),
+                {"data/empty.flag: cannot be read: Permission denied"});
 
   // A fresh pair from keygen is refused by this build, which pins the development key; the
   // fingerprint in the refusal comes from the private key, so it also shows the files are a pair.

@@ -1,6 +1,7 @@
 #include "tools/publish/release_store.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,6 +67,17 @@ std::string problemAt(const fs::path& path, const std::string& what, const std::
 }
 
 }  // namespace
+
+void stampNewerThan(const fs::path& file, const fs::path& served) {
+  struct stat mine {
+  }, old{};
+  if (::stat(served.c_str(), &old) != 0 || ::stat(file.c_str(), &mine) != 0 ||
+      mine.st_mtim.tv_sec > old.st_mtim.tv_sec) {
+    return;
+  }
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {old.st_mtim.tv_sec + 1, 0}};
+  ::utimensat(AT_FDCWD, file.c_str(), times, 0);
+}
 
 ReleaseStore::ReleaseStore(const fs::path& serverRoot, const std::string& channel,
                            const std::string& platform)

@@ -16,6 +16,13 @@
 
 namespace th::publish {
 
+// Gives `file`, new in a release, a modification time later than `served`, the file at the same
+// place in the served release. Servers derive a file's validators (ETag, Last-Modified) from its
+// size and its time in whole seconds, and a file's URL is the same in every release: a changed
+// file of the same size written within the same second would pass a cache's revalidation as the
+// old one, and the cache would go on serving the old bytes.
+void stampNewerThan(const std::filesystem::path& file, const std::filesystem::path& served);
+
 class ReleaseStore {
  public:
   ReleaseStore(const std::filesystem::path& serverRoot, const std::string& channel,
