@@ -1,6 +1,7 @@
 // The studio's tools as a studio runs them: tarn-hollow-publish and the game package, checked by
 // the real launcher and engine through nginx, and twenty players updating on release day.
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -10,6 +11,7 @@
 
 #include "tests/launcher/screen_probe.h"
 #include "tests/support/update_server.h"
+#include "update/file_descriptor.h"
 #include "update/signature.h"
 #include "update/updater.h"
 
@@ -74,7 +76,9 @@ void expectVerify(const std::string& url, const std::vector<std::string>& proble
       "tarn-hollow-publish: " + url + "/stable/linux does not serve a good release:\n";
   for (const std::string& line : problems) report += "  " + line + "\n";
   EXPECT_EQ(result.exitCode, problems.empty() ? 0 : 1) << result.err;
-  EXPECT_TRUE(result.err.ends_with(problems.empty() ? "(100%)\n" : report)) << result.err;
+  EXPECT_TRUE(problems.empty() ? result.err.empty() || result.err.ends_with("(100%)\n")
+                               : result.err.ends_with(report))
+      << result.err;
 }
 
 // A plain folder is taken over, unchanged files are hard links, a new player installs from the game
@@ -270,6 +274,54 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   expectRefused(s, runProcess(s.args("1.1.0", {}, ed25519)),
                 {ed25519 + ": this key cannot make SHA-256 signatures (use EC or RSA)",
                  s.release.string() + ": holds no files"});
+}
+
+// One publisher at a time per channel and platform: a second run waits for the lock on the releases
+// folder, or gives up with --no-wait; two runs started together both publish whole, one after the
+// other, and pruning spares what a killed run left unfinished.
+TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
+  Studio studio;
+  const fs::path releases = studio.server / "stable" / ".releases" / "linux";
+  fs::create_directories(releases / "000001-0.9.0" / "files");  // killed before its manifest
+  ASSERT_EQ(runProcess(studio.args("1.0.0")).exitCode, 0);
+  const update::FileDescriptor held(open(releases.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(flock(held.get(), LOCK_EX), 0);
+  const ProcessResult busy = runProcess(studio.args("1.1.0", {"--no-wait"}));
+  EXPECT_EQ(busy.exitCode, 1);
+  EXPECT_EQ(busy.err,
+            "tarn-hollow-publish: refused, nothing was published:\n  " + releases.string() +
+                ": another release of stable/linux is being published (--no-wait given)\n");
+  std::vector<std::unique_ptr<ChildProcess>> runs;
+  for (const char* version : {"1.1.0", "1.2.0"}) {
+    studio.release = studio.scratch / version;
+    writeBytes(studio.release / "tarn-hollow", version);
+    writeBytes(studio.release / "data" / "level.pak", std::string(4 << 20, version[2]));
+    runs.push_back(std::make_unique<ChildProcess>(studio.args(version, {"--keep", "2"})));
+  }
+  for (const auto& run : runs) {
+    EXPECT_TRUE(waitUntil(
+        [&] {
+          return run->err().find(
+                     "waiting for another release of "
+                     "stable/linux to finish\n") != std::string::npos;
+        },
+        10s));
+  }
+  flock(held.get(), LOCK_UN);
+  for (const auto& run : runs) EXPECT_EQ(run->wait(60s), 0) << run->err();
+  // Both are whole: verify passes on the one served last and, linked back in, the one before.
+  NginxServer nginx(studio.server);
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  expectVerify(nginx.url(), {});
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(releases))
+    names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  ASSERT_EQ(names.size(), 3u);  // 1.0.0 pruned (--keep 2), the unfinished one kept
+  EXPECT_EQ(names[0], "000001-0.9.0");
+  fs::create_symlink(".releases/linux/" + names[1], studio.server / "stable" / "linux.new");
+  fs::rename(studio.server / "stable" / "linux.new", channelFolder(studio.server));
+  expectVerify(nginx.url(), {});
 }
 
 // Misuse exits with 2 naming the problem before the usage; help and version go to standard output.

@@ -57,7 +57,8 @@ std::string usageText(const std::string& command) {
       {"release",
        "       tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
        "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
-       "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"},
+       "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"
+       "           [--no-wait]\n"},
       {"verify",
        "       tarn-hollow-publish verify --url URL [--channel stable] [--platform linux]\n"
        "           [--public-key FILE]\n"},
@@ -86,7 +87,7 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
                          std::string& error) {
   const Grammar grammar{{"--from", "--version", "--key", "--server-root", "--channel", "--platform",
                          "--notes", "--minimum-online-version", "--protocol-version", "--keep"},
-                        {"--mandatory"},
+                        {"--mandatory", "--no-wait"},
                         {"--from", "--version", "--key", "--server-root"}};
   Values values;
   if (!parseWords(args, grammar, values, error)) return false;
@@ -101,6 +102,7 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
   take(values, "--protocol-version", options.protocolVersion);
   take(values, "--keep", options.keep);
   options.mandatory = values.count("--mandatory") > 0;
+  options.wait = values.count("--no-wait") == 0;
   return true;
 }
 

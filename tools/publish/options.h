@@ -23,6 +23,7 @@ struct ReleaseOptions {
   std::string minimumOnlineVersion;
   std::string protocolVersion = "0";  // checked with the other values, see publish_release.h
   std::string keep = "3";             // releases kept on the server, the current one included
+  bool wait = true;                   // for another release of the channel and platform to finish
 };
 
 struct VerifyOptions {

@@ -241,8 +241,10 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
   checkKey(options.key, signing, problems);
   scanRelease(options.from, files, problems);
   ReleaseStore store(options.serverRoot, options.channel, options.platform);
-  store.inspect(problems);
-  if (!problems.empty() || !store.create(options.version, problems)) return false;
+  if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems) ||
+      !store.create(options.version, problems)) {
+    return false;
+  }
   update::Manifest manifest = manifestHeader(options, notes);
   fillRelease(files, store, manifest, summary.linked, problems);
   if (!problems.empty()) return false;
