@@ -60,7 +60,7 @@ int keygen(const Args& args) {
   if (!th::publish::parseKeygenOptions(args, options, error)) return usageError(error, "keygen");
   th::publish::KeygenResult result;
   std::vector<std::string> problems;
-  if (!th::publish::generateKeyPair(options.out, result, problems)) return refused(problems);
+  if (!th::publish::generateKeyPair(options, result, problems)) return refused(problems);
   std::cout << "private key: " << printable(result.privateKey.string()) << " (keep it secret)\n"
             << "public key:  " << printable(result.publicKey.string())
             << " (ship it as data/update_public_key.pem)\n"

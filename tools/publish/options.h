@@ -5,10 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "tools/publish/passphrase.h"
+
 namespace th::publish {
 
 struct KeygenOptions {
   std::filesystem::path out;
+  PassphraseSource passphrase;  // for the private key; the terminal unless given
+  bool unencrypted = false;     // a throw-away key, written in the clear
 };
 
 struct ReleaseOptions {
@@ -24,6 +28,7 @@ struct ReleaseOptions {
   std::string protocolVersion = "0";  // checked with the other values, see publish_release.h
   std::string keep = "3";             // releases kept on the server, the current one included
   bool wait = true;                   // for another release of the channel and platform to finish
+  PassphraseSource passphrase;        // asked for only when the key is encrypted
 };
 
 struct VerifyOptions {

@@ -101,11 +101,15 @@ struct SigningKey {
 
 // The key must sign, and its public half must be the key that this build's engine pins, or the
 // launchers built alongside would refuse every release signed with it.
-void checkKey(const fs::path& file, SigningKey& signing, Problems& problems) {
+void checkKey(const fs::path& file, const PassphraseSource& passphrase, SigningKey& signing,
+              Problems& problems) {
   std::string error, probe;
-  if (!loadPrivateKey(file, signing.key, error) ||
-      !publicKeyPem(signing.key.get(), signing.publicPem, error)) {
-    problems.push_back(file.string() + ": not an unencrypted PEM private key");
+  if (!loadPrivateKey(file, passphrase, signing.key, error)) {
+    problems.push_back(file.string() + ": " + error);
+    return;
+  }
+  if (!publicKeyPem(signing.key.get(), signing.publicPem, error)) {
+    problems.push_back(file.string() + ": its public key cannot be encoded");
     return;
   }
   if (!signSha256(signing.key.get(), "probe", probe, error)) {
@@ -238,7 +242,7 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
   SigningKey signing;
   std::vector<ReleaseFile> files;
   checkValues(options, notes, problems);
-  checkKey(options.key, signing, problems);
+  checkKey(options.key, options.passphrase, signing, problems);
   scanRelease(options.from, files, problems);
   ReleaseStore store(options.serverRoot, options.channel, options.platform);
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems) ||
