@@ -103,6 +103,23 @@ int curlProgress(void* target, curl_off_t downloadTotal, curl_off_t downloadNow,
   return 0;  // progress reporting never cancels a transfer
 }
 
+// Each response of a redirect chain starts with its status line: only the last one's headers stay.
+size_t collectHeader(char* data, size_t size, size_t count, void* target) {
+  auto* headers = static_cast<ResponseHeaders*>(target);
+  std::string line(data, size * count);
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+  if (line.rfind("HTTP/", 0) == 0) headers->clear();
+  if (!line.empty()) headers->push_back(std::move(line));
+  return size * count;
+}
+
+void collectHeaders(CURL* handle, ResponseHeaders* headers) {
+  if (headers == nullptr) return;
+  headers->clear();
+  setOption(handle, CURLOPT_HEADERFUNCTION, collectHeader);
+  setOption(handle, CURLOPT_HEADERDATA, headers);
+}
+
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -120,10 +137,12 @@ std::string joinUrl(const std::string& base, const std::string& relative) {
   return base + relative;
 }
 
-bool httpGet(const std::string& url, std::string& body, std::string& error) {
+bool httpGet(const std::string& url, std::string& body, std::string& error,
+             ResponseHeaders* headers) {
   body.clear();
   CurlHandle handle = newHandle();
   if (!setupCurl(handle.get(), url, error)) return false;
+  collectHeaders(handle.get(), headers);
   setOption(handle.get(), CURLOPT_WRITEFUNCTION, writeString);
   setOption(handle.get(), CURLOPT_WRITEDATA, &body);
   const CURLcode result = curl()->easyPerform(handle.get());
@@ -135,7 +154,7 @@ bool httpGet(const std::string& url, std::string& body, std::string& error) {
 }
 
 bool httpDownload(const std::string& url, const std::filesystem::path& destination,
-                  ProgressCallback progress, std::string& error) {
+                  ProgressCallback progress, std::string& error, ResponseHeaders* headers) {
   std::error_code ignored;
   std::filesystem::create_directories(destination.parent_path(), ignored);
   // Large reads from the socket and large writes to the file: a big download then takes a few
@@ -151,6 +170,7 @@ bool httpDownload(const std::string& url, const std::filesystem::path& destinati
   CurlHandle handle = newHandle();
   // The empty file stays: callers download into a throw-away staging folder.
   if (!setupCurl(handle.get(), url, error)) return false;
+  collectHeaders(handle.get(), headers);
   ProgressCallback callback = std::move(progress);
   setOption(handle.get(), CURLOPT_WRITEFUNCTION, writeFile);
   setOption(handle.get(), CURLOPT_WRITEDATA, &out);

@@ -92,7 +92,11 @@ int verify(const Args& args) {
   if (!th::publish::parseVerifyOptions(args, options, error)) return usageError(error, "verify");
   th::publish::VerifySummary summary;
   std::vector<std::string> problems;
-  if (!th::publish::verifyRelease(options, summary, problems)) {
+  const bool good = th::publish::verifyRelease(options, summary, problems);
+  for (const std::string& warning : summary.warnings) {
+    std::cerr << "tarn-hollow-publish: warning: " << printable(warning) << '\n';
+  }
+  if (!good) {
     return failed(summary.folderUrl + " does not serve a good release", problems);
   }
   std::cout << "verified " << summary.version << " at " << printable(summary.folderUrl) << ": "

@@ -73,7 +73,7 @@ std::string usageText(const std::string& command) {
        "           [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"},
       {"verify",
        "       tarn-hollow-publish verify --url URL [--channel stable] [--platform linux]\n"
-       "           [--public-key FILE]\n"},
+       "           [--public-key FILE] [--strict]\n"},
   };
   if (const auto found = kUsage.find(command); found != kUsage.end()) {
     return "usage:" + found->second.substr(6);
@@ -135,7 +135,8 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error) {
   Values values;
-  if (!parseWords(args, {{"--url", "--channel", "--platform", "--public-key"}, {}, {"--url"}},
+  if (!parseWords(args,
+                  {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}},
                   values, error)) {
     return false;
   }
@@ -143,6 +144,7 @@ bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& opt
   take(values, "--channel", options.channel);
   take(values, "--platform", options.platform);
   take(values, "--public-key", options.publicKey);
+  options.strict = values.count("--strict") > 0;
   return true;
 }
 

@@ -36,6 +36,7 @@ struct VerifyOptions {
   std::string channel = "stable";
   std::string platform = "linux";
   std::filesystem::path publicKey;  // empty: the key built into the tool
+  bool strict = false;              // caching that lets a shared cache serve stale fails
 };
 
 // `args` are the words after the command name. On failure `error` says what is wrong.
