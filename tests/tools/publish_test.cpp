@@ -109,14 +109,27 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
   EXPECT_EQ(fs::hard_link_count(served / "files" / "data" / "levels" / "one.dat"), 2u);
   NginxServer nginx(studio.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
-  // A new player's first install: the game package, unpacked and started under Xvfb.
-  const ProcessResult packed = runProcess(
-      {TH_CPACK, "--config", TH_BINARY_DIR "/CPackConfig.cmake", "-D", "CPACK_TH_VARIANT=devkey",
-       "-D", "CPACK_TH_UPDATE_SERVER_URL=" + nginx.url(), "-B", studio.scratch / "package"});
+  // A new player's first install: the game package, unpacked and started under Xvfb. The package
+  // with the development key says so, and is made only by a build with tests.
+  const std::vector<std::string> cpack{TH_CPACK,
+                                       "--config",
+                                       TH_BINARY_DIR "/CPackConfig.cmake",
+                                       "-D",
+                                       "CPACK_TH_VARIANT=devkey",
+                                       "-D",
+                                       "CPACK_TH_UPDATE_SERVER_URL=" + nginx.url(),
+                                       "-B",
+                                       studio.scratch / "package"};
+  std::vector<std::string> untested = cpack;
+  untested.insert(untested.end(), {"-D", "CPACK_TH_TEST_BUILD=OFF"});
+  EXPECT_NE(runProcess(untested).err.find("the development-key package is for tests only"),
+            std::string::npos);
+  const ProcessResult packed = runProcess(cpack);
   ASSERT_EQ(packed.exitCode, 0) << packed.out << packed.err;
-  const fs::path archive = studio.scratch / "package" / "tarn-hollow-linux-x86_64.tar.gz";
+  const fs::path archive =
+      studio.scratch / "package" / "tarn-hollow-DEVELOPMENT-KEY-linux-x86_64.tar.gz";
   ASSERT_EQ(runProcess({"/usr/bin/tar", "-xzf", archive, "-C", studio.scratch.path()}).exitCode, 0);
-  const fs::path game = studio.scratch / "tarn-hollow-linux-x86_64";
+  const fs::path game = studio.scratch / "tarn-hollow-DEVELOPMENT-KEY-linux-x86_64";
   EXPECT_TRUE(fs::is_regular_file(game / "tarn-hollow-update-helper") &&
               fs::is_regular_file(game / "tarn-hollow.desktop"));
   update::Updater updater(game);
