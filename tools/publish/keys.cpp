@@ -74,7 +74,7 @@ bool loadPrivateKey(const std::filesystem::path& file, const PassphraseSource& s
                     PrivateKey& key, std::string& problem) {
   const std::string pem = update::readTextFile(file);
   Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-  PassphraseRequest request{source};
+  PassphraseRequest request{source, false, {}};
   PrivateKey loaded(bio && !pem.empty()
                         ? PEM_read_bio_PrivateKey(bio.get(), nullptr, providePassphrase, &request)
                         : nullptr);
