@@ -70,8 +70,8 @@ std::string problemAt(const fs::path& path, const std::string& what, const std::
 }  // namespace
 
 void stampNewerThan(const fs::path& file, const fs::path& served) {
-  struct stat mine {
-  }, old{};
+  struct stat mine;
+  struct stat old;
   if (::stat(served.c_str(), &old) != 0 || ::stat(file.c_str(), &mine) != 0 ||
       mine.st_mtim.tv_sec > old.st_mtim.tv_sec) {
     return;
@@ -136,8 +136,8 @@ bool ReleaseStore::lock(bool wait, Problems& problems) {
     }
     // A publisher that failed removed the folders it had created, perhaps the very one this run
     // waited for: then it starts over with the folder now at that place.
-    struct stat locked {
-    }, now{};
+    struct stat locked;
+    struct stat now;
     if (::fstat(folder.get(), &locked) == 0 && ::stat(releases_.c_str(), &now) == 0 &&
         locked.st_dev == now.st_dev && locked.st_ino == now.st_ino) {
       lock_.emplace(std::move(folder));
@@ -148,8 +148,13 @@ bool ReleaseStore::lock(bool wait, Problems& problems) {
 
 bool ReleaseStore::lockFolder(int folder, bool wait, Problems& problems) {
   if (::flock(folder, LOCK_EX | LOCK_NB) == 0) return true;
+  const int why = errno;
   const std::string what = channel_.filename().string() + "/" + served_.filename().string();
-  if (errno != EWOULDBLOCK || !wait) {
+  if (why != EWOULDBLOCK) {
+    problems.push_back(problemAt(releases_, "cannot be locked", {why, std::generic_category()}));
+    return false;
+  }
+  if (!wait) {
     problems.push_back(releases_.string() + ": another release of " + what +
                        " is being published (--no-wait given)");
     return false;
