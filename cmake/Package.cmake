@@ -6,10 +6,12 @@
 #
 # needs TH_UPDATE_PUBLIC_KEY and TH_UPDATE_SERVER_URL. Each launcher variant is an install
 # component: "game" (the release pin, also what `cmake --install` lays out) and, in test builds,
-# "devkey" (the development key), packaged with
+# "devkey" (the development key, whose private half is in the repository), packaged with
 #
 #   cpack --config <build>/CPackConfig.cmake -D CPACK_TH_VARIANT=devkey \
 #         -D CPACK_TH_UPDATE_SERVER_URL=<url> -B <output folder>
+#
+# as tarn-hollow-DEVELOPMENT-KEY-linux-x86_64.tar.gz, and only from a build with tests.
 
 function(th_install_game variant launcher public_key)
   install(TARGETS ${launcher} tarn-hollow-update-helper
@@ -37,6 +39,7 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_TH_BUILD_DIR "${CMAKE_BINARY_DIR}")
 set(CPACK_TH_PROJECT "${PROJECT_NAME}")
 set(CPACK_TH_VARIANT game)
+set(CPACK_TH_TEST_BUILD "${TH_BUILD_TESTS}")
 set(CPACK_TH_HAS_PUBLIC_KEY "${TH_UPDATE_PUBLIC_KEY}")
 set(CPACK_TH_UPDATE_SERVER_URL "${TH_UPDATE_SERVER_URL}")
 set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_SOURCE_DIR}/cmake/PackageVariant.cmake")

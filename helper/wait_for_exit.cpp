@@ -42,7 +42,7 @@ void waitForLauncherExit(pid_t waitPid, const std::filesystem::path& launcher,
                          std::chrono::milliseconds limit, const HelperLog& log) {
   std::function<bool()> done;
   std::string what;
-  if (waitPid != getpid()) {
+  if (waitPid == getpid()) {
     const pid_t parent = getppid();
     if (!parentIsLauncher(parent, launcher)) {
       log.line("launcher already gone (parent " + std::to_string(parent) + ")");

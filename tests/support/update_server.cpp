@@ -48,6 +48,17 @@ http {
          std::to_string(port) + (tls ? " ssl" : "") + "; root " + root + "; " + extra + " }\n}\n";
 }
 
+// Below Linux's range for outgoing connections; a server exits when its port is taken: try another.
+template <typename Start>
+int startOnFreePort(Start start) {
+  std::mt19937 random(std::random_device{}());
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    const int port = 20000 + static_cast<int>(random() % 12000);
+    if (start(port)) return port;
+  }
+  return 0;
+}
+
 }  // namespace
 
 std::filesystem::path channelFolder(const std::filesystem::path& serverRoot,
@@ -147,12 +158,11 @@ NginxServer::NginxServer(const std::filesystem::path& documentRoot,
                                           "; ssl_certificate_key " + tls->key.string() + ";"
                                     : "";
   std::error_code ignored;
-  // Below Linux's range for outgoing connections; nginx exits when the port is taken: try another.
-  std::mt19937 random(std::random_device{}());
-  for (int attempt = 0; attempt < 5 && !ok(); ++attempt) {
-    port_ = 20000 + static_cast<int>(random() % 12000);
-    start(std::filesystem::absolute(documentRoot, ignored), tlsConfig + extraServerConfig);
-  }
+  const auto root = std::filesystem::absolute(documentRoot, ignored);
+  port_ = startOnFreePort([&](int port) {
+    port_ = port;
+    return start(root, tlsConfig + extraServerConfig);
+  });
 }
 
 NginxServer::~NginxServer() {
@@ -193,5 +203,30 @@ std::string NginxServer::accessLog(size_t requests) const {
 }
 
 std::string NginxServer::errorLog() const { return readBytes(dir_ / "error.log"); }
+
+VarnishEdge::VarnishEdge(const std::filesystem::path& vcl, int originPort) {
+  writeBytes(dir_ / "tarn-hollow-origin.vcl",
+             "backend default { .host = \"127.0.0.1\"; .port = \"" + std::to_string(originPort) +
+                 "\"; }\n");
+  port_ = startOnFreePort([&](int port) {
+    auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
+        "/usr/sbin/varnishd", "-F", "-j", "none", "-n", (dir_ / "work").string(), "-a",
+        "127.0.0.1:" + std::to_string(port), "-f", vcl.string(), "-p",
+        "vcl_path=" + dir_.path().string(), "-s", "malloc,256m"});
+    // The manager listens before it starts the child that serves; it exits when it cannot.
+    waitUntil(
+        [&] {
+          log_ = process->out() + process->err();
+          return !process->running() || log_.find("said Child starts") != std::string::npos;
+        },
+        std::chrono::seconds(30));
+    if (process->running()) process_ = std::move(process);
+    return ok();
+  });
+}
+
+std::string VarnishEdge::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+std::string VarnishEdge::log() const { return log_; }
 
 }  // namespace th::test

@@ -85,6 +85,7 @@ class NginxServer {
 
   bool ok() const { return process_ != nullptr; }  // false: see errorLog()
   std::string url() const;                         // "http://127.0.0.1:PORT" or "https://..."
+  int port() const { return port_; }
   // `METHOD URI STATUS "USER-AGENT"` per request, once at least `requests` lines are there (nginx
   // logs a request after answering it; waits up to 10 s).
   std::string accessLog(size_t requests = 0) const;
@@ -97,6 +98,26 @@ class NginxServer {
   int port_ = 0;
   bool tls_ = false;
   std::unique_ptr<ChildProcess> process_;
+};
+
+// A real Varnish (varnishd in the foreground, no jail) on a port of 127.0.0.1, running the VCL file
+// `vcl` as it is, with `backend default` pointing at the origin's port in tarn-hollow-origin.vcl on
+// its VCL path; stopped with its process group at scope end.
+class VarnishEdge {
+ public:
+  VarnishEdge(const std::filesystem::path& vcl, int originPort);
+  VarnishEdge(const VarnishEdge&) = delete;
+  VarnishEdge& operator=(const VarnishEdge&) = delete;
+
+  bool ok() const { return process_ != nullptr; }  // false: see log()
+  std::string url() const;                         // "http://127.0.0.1:PORT"
+  std::string log() const;                         // what varnishd printed
+
+ private:
+  TempDir dir_;
+  int port_ = 0;
+  std::unique_ptr<ChildProcess> process_;
+  std::string log_;
 };
 
 }  // namespace th::test

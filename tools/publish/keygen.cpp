@@ -29,8 +29,9 @@ bool writeNewFile(const fs::path& path, const std::string& bytes, mode_t mode) {
 
 }  // namespace
 
-bool generateKeyPair(const fs::path& out, KeygenResult& result,
+bool generateKeyPair(const KeygenOptions& options, KeygenResult& result,
                      std::vector<std::string>& problems) {
+  const fs::path& out = options.out;
   KeygenResult made{out / "update-private-key.pem", out / "update-public-key.pem", {}};
   std::error_code error;
   for (const fs::path& file : {made.privateKey, made.publicKey}) {
@@ -38,11 +39,19 @@ bool generateKeyPair(const fs::path& out, KeygenResult& result,
       problems.push_back(file.string() + ": already exists; a key is never overwritten");
     }
   }
+  Passphrase passphrase;
+  std::string problem;
+  if (problems.empty() && !options.unencrypted &&
+      !passphrase.read(options.passphrase, "Passphrase for the new signing key: ", true, problem)) {
+    problems.push_back(problem);
+  }
   if (!problems.empty()) return false;
   fs::create_directories(out, error);
   PrivateKey key;
   std::string privatePem, publicPem, code;
-  if (!generateKey(key, code) || !privateKeyPem(key.get(), privatePem, code) ||
+  if (!generateKey(key, code) ||
+      !privateKeyPem(key.get(), options.unencrypted ? nullptr : &passphrase.text(), privatePem,
+                     code) ||
       !publicKeyPem(key.get(), publicPem, code)) {
     problems.push_back("key generation failed: " + code);
     return false;

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/publish/options.h"
+
 namespace th::publish {
 
 struct KeygenResult {
@@ -13,8 +15,9 @@ struct KeygenResult {
   std::string fingerprint;           // SHA-256 of the public key file's bytes
 };
 
-// Writes a fresh EC P-256 key pair into `out` (created if needed); never overwrites a key.
-bool generateKeyPair(const std::filesystem::path& out, KeygenResult& result,
+// Writes a fresh EC P-256 key pair into `options.out` (created if needed), the private key
+// encrypted under the passphrase unless `options.unencrypted`; never overwrites a key.
+bool generateKeyPair(const KeygenOptions& options, KeygenResult& result,
                      std::vector<std::string>& problems);
 
 }  // namespace th::publish

@@ -3,8 +3,10 @@
 #include <openssl/bio.h>
 #include <openssl/pem.h>
 
+#include <algorithm>
 #include <vector>
 
+#include "tools/publish/passphrase.h"
 #include "update/text_file.h"
 
 namespace th::publish {
@@ -13,8 +15,29 @@ namespace {
 using update::Bio;
 using update::DigestContext;
 
-// Refuses to prompt: the tool runs unattended, so an encrypted key simply cannot be read.
-int noPassword(char*, int, int, void*) { return -1; }
+struct PassphraseRequest {
+  const PassphraseSource& source;
+  bool asked = false;
+  std::string problem;
+};
+
+// Called by OpenSSL for an encrypted key only: the passphrase is read then, and only then.
+int providePassphrase(char* buffer, int size, int /*writing*/, void* data) {
+  auto* request = static_cast<PassphraseRequest*>(data);
+  request->asked = true;
+  Passphrase passphrase;
+  if (!passphrase.read(request->source, "Passphrase of the signing key: ", false,
+                       request->problem)) {
+    return -1;
+  }
+  const std::string& text = passphrase.text();
+  if (text.size() > static_cast<std::size_t>(size)) {
+    request->problem = "the passphrase is longer than OpenSSL takes";
+    return -1;
+  }
+  std::copy(text.begin(), text.end(), buffer);
+  return static_cast<int>(text.size());
+}
 
 bool memoryBioText(BIO* bio, std::string& text) {
   char* data = nullptr;
@@ -47,25 +70,35 @@ bool generateKey(PrivateKey& key, std::string& error) {
   return true;
 }
 
-bool loadPrivateKey(const std::filesystem::path& file, PrivateKey& key, std::string& error) {
+bool loadPrivateKey(const std::filesystem::path& file, const PassphraseSource& source,
+                    PrivateKey& key, std::string& problem) {
   const std::string pem = update::readTextFile(file);
   Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  PassphraseRequest request{source, false, {}};
   PrivateKey loaded(bio && !pem.empty()
-                        ? PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassword, nullptr)
+                        ? PEM_read_bio_PrivateKey(bio.get(), nullptr, providePassphrase, &request)
                         : nullptr);
   if (!loaded) {
-    error = "private_key_unreadable";
+    problem = !request.asked            ? "not a PEM private key"
+              : request.problem.empty() ? "the passphrase does not decrypt this key"
+                                        : "encrypted, and " + request.problem;
     return false;
   }
   key = std::move(loaded);
   return true;
 }
 
-bool privateKeyPem(EVP_PKEY* key, std::string& pem, std::string& error) {
+bool privateKeyPem(EVP_PKEY* key, const std::string* passphrase, std::string& pem,
+                   std::string& error) {
   Bio bio(BIO_new(BIO_s_mem()));
-  if (!bio ||
-      PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1 ||
-      !memoryBioText(bio.get(), pem)) {
+  const bool written =
+      bio &&
+      (passphrase != nullptr
+           ? PEM_write_bio_PKCS8PrivateKey(bio.get(), key, EVP_aes_256_cbc(), passphrase->data(),
+                                           static_cast<int>(passphrase->size()), nullptr,
+                                           nullptr) == 1
+           : PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1);
+  if (!written || !memoryBioText(bio.get(), pem)) {
     error = "pem_encoding_failed";
     return false;
   }

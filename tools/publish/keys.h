@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/publish/passphrase.h"
 #include "update/openssl_handles.h"
 
 namespace th::publish {
@@ -15,12 +16,17 @@ using PrivateKey = update::Key;
 // A fresh EC P-256 key pair. Error: "key_generation_failed".
 bool generateKey(PrivateKey& key, std::string& error);
 
-// Reads an unencrypted PEM private key. Error: "private_key_unreadable".
-bool loadPrivateKey(const std::filesystem::path& file, PrivateKey& key, std::string& error);
+// Reads a PEM private key, in the clear or encrypted; the passphrase of an encrypted one is read
+// from `source` when needed. On failure `problem` says why: "not a PEM private key", "the
+// passphrase does not decrypt this key", or "encrypted, and " what kept the passphrase away.
+bool loadPrivateKey(const std::filesystem::path& file, const PassphraseSource& source,
+                    PrivateKey& key, std::string& problem);
 
-// PEM texts of the private key and of its public half (SubjectPublicKeyInfo, the bytes the
-// launcher's fingerprint is taken over). Error: "pem_encoding_failed".
-bool privateKeyPem(EVP_PKEY* key, std::string& pem, std::string& error);
+// PEM texts of the private key, encrypted with AES-256 under `passphrase` (PKCS #8) unless that
+// is null, and of its public half (SubjectPublicKeyInfo, the bytes the launcher's fingerprint is
+// taken over). Error: "pem_encoding_failed".
+bool privateKeyPem(EVP_PKEY* key, const std::string* passphrase, std::string& pem,
+                   std::string& error);
 bool publicKeyPem(EVP_PKEY* key, std::string& pem, std::string& error);
 
 // Signs with SHA-256 under the key type's default scheme (RSA: PKCS #1 v1.5, EC: ECDSA with a

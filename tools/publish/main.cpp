@@ -21,14 +21,32 @@ constexpr int kExitDone = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 
+// File names and paths come from the studio's folders and from servers: a control character in
+// one (an escape sequence, a line end) is shown as \xNN, so that it can neither drive the
+// terminal nor forge a line of the report.
+std::string printable(const std::string& text) {
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      shown += c;
+      continue;
+    }
+    static constexpr char kDigits[] = "0123456789abcdef";
+    ((shown += "\\x") += kDigits[byte >> 4]) += kDigits[byte & 15];
+  }
+  return shown;
+}
+
 int usageError(const std::string& error, const std::string& command = "") {
-  std::cerr << "tarn-hollow-publish: " << error << '\n' << th::publish::usageText(command);
+  std::cerr << "tarn-hollow-publish: " << printable(error) << '\n'
+            << th::publish::usageText(command);
   return kExitUsage;
 }
 
 int failed(const std::string& headline, const std::vector<std::string>& problems) {
-  std::cerr << "tarn-hollow-publish: " << headline << ":\n";
-  for (const std::string& problem : problems) std::cerr << "  " << problem << '\n';
+  std::cerr << "tarn-hollow-publish: " << printable(headline) << ":\n";
+  for (const std::string& problem : problems) std::cerr << "  " << printable(problem) << '\n';
   return kExitRefused;
 }
 
@@ -42,9 +60,9 @@ int keygen(const Args& args) {
   if (!th::publish::parseKeygenOptions(args, options, error)) return usageError(error, "keygen");
   th::publish::KeygenResult result;
   std::vector<std::string> problems;
-  if (!th::publish::generateKeyPair(options.out, result, problems)) return refused(problems);
-  std::cout << "private key: " << result.privateKey.string() << " (keep it secret)\n"
-            << "public key:  " << result.publicKey.string()
+  if (!th::publish::generateKeyPair(options, result, problems)) return refused(problems);
+  std::cout << "private key: " << printable(result.privateKey.string()) << " (keep it secret)\n"
+            << "public key:  " << printable(result.publicKey.string())
             << " (ship it as data/update_public_key.pem)\n"
             << "fingerprint: " << result.fingerprint << '\n'
             << "build with:  -DTH_UPDATE_KEY_FINGERPRINT=" << result.fingerprint << '\n';
@@ -60,7 +78,7 @@ int release(const Args& args) {
   if (!th::publish::publishRelease(options, summary, problems)) return refused(problems);
   std::cout << "published " << options.version << " (" << options.channel << '/' << options.platform
             << "): " << summary.files << " files, " << summary.bytes << " bytes, in "
-            << summary.channelFolder.string() << '\n';
+            << printable(summary.channelFolder.string()) << '\n';
   if (summary.linked > 0) {
     std::cout << summary.linked << " unchanged files linked from the previous release\n";
   }
@@ -74,10 +92,14 @@ int verify(const Args& args) {
   if (!th::publish::parseVerifyOptions(args, options, error)) return usageError(error, "verify");
   th::publish::VerifySummary summary;
   std::vector<std::string> problems;
-  if (!th::publish::verifyRelease(options, summary, problems)) {
+  const bool good = th::publish::verifyRelease(options, summary, problems);
+  for (const std::string& warning : summary.warnings) {
+    std::cerr << "tarn-hollow-publish: warning: " << printable(warning) << '\n';
+  }
+  if (!good) {
     return failed(summary.folderUrl + " does not serve a good release", problems);
   }
-  std::cout << "verified " << summary.version << " at " << summary.folderUrl << ": "
+  std::cout << "verified " << summary.version << " at " << printable(summary.folderUrl) << ": "
             << summary.files << " files, " << summary.bytes
             << " bytes, each as its signed manifest says\n";
   return kExitDone;

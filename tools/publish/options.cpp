@@ -49,18 +49,31 @@ void take(const Values& values, const std::string& name, std::filesystem::path& 
   if (const auto found = values.find(name); found != values.end()) into = found->second;
 }
 
+bool takePassphrase(const Values& values, PassphraseSource& source, std::string& error) {
+  take(values, "--passphrase-file", source.file);
+  take(values, "--passphrase-env", source.variable);
+  if (!source.file.empty() && !source.variable.empty()) {
+    error = "give --passphrase-file or --passphrase-env, not both";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string usageText(const std::string& command) {
   static const std::map<std::string, std::string> kUsage = {
-      {"keygen", "       tarn-hollow-publish keygen --out DIR\n"},
+      {"keygen",
+       "       tarn-hollow-publish keygen --out DIR\n"
+       "           [--passphrase-file FILE | --passphrase-env NAME | --unencrypted]\n"},
       {"release",
        "       tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
        "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
-       "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"},
+       "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"
+       "           [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"},
       {"verify",
        "       tarn-hollow-publish verify --url URL [--channel stable] [--platform linux]\n"
-       "           [--public-key FILE]\n"},
+       "           [--public-key FILE] [--strict]\n"},
   };
   if (const auto found = kUsage.find(command); found != kUsage.end()) {
     return "usage:" + found->second.substr(6);
@@ -77,19 +90,33 @@ bool asksForHelp(const std::vector<std::string>& args) {
 bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& options,
                         std::string& error) {
   Values values;
-  if (!parseWords(args, {{"--out"}, {}, {"--out"}}, values, error)) return false;
+  if (!parseWords(
+          args, {{"--out", "--passphrase-file", "--passphrase-env"}, {"--unencrypted"}, {"--out"}},
+          values, error) ||
+      !takePassphrase(values, options.passphrase, error)) {
+    return false;
+  }
   take(values, "--out", options.out);
+  options.unencrypted = values.count("--unencrypted") > 0;
+  if (options.unencrypted && values.size() > 2) {
+    error = "--unencrypted takes no passphrase";
+    return false;
+  }
   return true;
 }
 
 bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                          std::string& error) {
   const Grammar grammar{{"--from", "--version", "--key", "--server-root", "--channel", "--platform",
-                         "--notes", "--minimum-online-version", "--protocol-version", "--keep"},
-                        {"--mandatory"},
+                         "--notes", "--minimum-online-version", "--protocol-version", "--keep",
+                         "--passphrase-file", "--passphrase-env"},
+                        {"--mandatory", "--no-wait"},
                         {"--from", "--version", "--key", "--server-root"}};
   Values values;
-  if (!parseWords(args, grammar, values, error)) return false;
+  if (!parseWords(args, grammar, values, error) ||
+      !takePassphrase(values, options.passphrase, error)) {
+    return false;
+  }
   take(values, "--from", options.from);
   take(values, "--version", options.version);
   take(values, "--key", options.key);
@@ -101,13 +128,15 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
   take(values, "--protocol-version", options.protocolVersion);
   take(values, "--keep", options.keep);
   options.mandatory = values.count("--mandatory") > 0;
+  options.wait = values.count("--no-wait") == 0;
   return true;
 }
 
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error) {
   Values values;
-  if (!parseWords(args, {{"--url", "--channel", "--platform", "--public-key"}, {}, {"--url"}},
+  if (!parseWords(args,
+                  {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}},
                   values, error)) {
     return false;
   }
@@ -115,6 +144,7 @@ bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& opt
   take(values, "--channel", options.channel);
   take(values, "--platform", options.platform);
   take(values, "--public-key", options.publicKey);
+  options.strict = values.count("--strict") > 0;
   return true;
 }
 

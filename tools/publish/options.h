@@ -5,10 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "tools/publish/passphrase.h"
+
 namespace th::publish {
 
 struct KeygenOptions {
   std::filesystem::path out;
+  PassphraseSource passphrase;  // for the private key; the terminal unless given
+  bool unencrypted = false;     // a throw-away key, written in the clear
 };
 
 struct ReleaseOptions {
@@ -23,6 +27,8 @@ struct ReleaseOptions {
   std::string minimumOnlineVersion;
   std::string protocolVersion = "0";  // checked with the other values, see publish_release.h
   std::string keep = "3";             // releases kept on the server, the current one included
+  bool wait = true;                   // for another release of the channel and platform to finish
+  PassphraseSource passphrase;        // asked for only when the key is encrypted
 };
 
 struct VerifyOptions {
@@ -30,6 +36,7 @@ struct VerifyOptions {
   std::string channel = "stable";
   std::string platform = "linux";
   std::filesystem::path publicKey;  // empty: the key built into the tool
+  bool strict = false;              // caching that lets a shared cache serve stale fails
 };
 
 // `args` are the words after the command name. On failure `error` says what is wrong.

@@ -9,6 +9,7 @@
 #include "tools/publish/keys.h"
 #include "tools/publish/manifest_json.h"
 #include "tools/publish/progress.h"
+#include "tools/publish/release_copy.h"
 #include "tools/publish/release_scan.h"
 #include "tools/publish/release_store.h"
 #include "update/manifest.h"
@@ -100,11 +101,15 @@ struct SigningKey {
 
 // The key must sign, and its public half must be the key that this build's engine pins, or the
 // launchers built alongside would refuse every release signed with it.
-void checkKey(const fs::path& file, SigningKey& signing, Problems& problems) {
+void checkKey(const fs::path& file, const PassphraseSource& passphrase, SigningKey& signing,
+              Problems& problems) {
   std::string error, probe;
-  if (!loadPrivateKey(file, signing.key, error) ||
-      !publicKeyPem(signing.key.get(), signing.publicPem, error)) {
-    problems.push_back(file.string() + ": not an unencrypted PEM private key");
+  if (!loadPrivateKey(file, passphrase, signing.key, error)) {
+    problems.push_back(file.string() + ": " + error);
+    return;
+  }
+  if (!publicKeyPem(signing.key.get(), signing.publicPem, error)) {
+    problems.push_back(file.string() + ": its public key cannot be encoded");
     return;
   }
   if (!signSha256(signing.key.get(), "probe", probe, error)) {
@@ -119,40 +124,40 @@ void checkKey(const fs::path& file, SigningKey& signing, Problems& problems) {
   }
 }
 
-// Hard-links the served release's copy when it has the same size and digest: a one-file patch
-// of a large game costs one file's copy, not the game's.
-bool linkUnchanged(const ReleaseFile& file, const ReleaseStore& store, const fs::path& place,
-                   update::ManifestFile& entry) {
+// Hard-links the served release's copy when the opened file has the same size and digest: a
+// one-file patch of a large game costs one file's copy, not the game's.
+bool linkUnchanged(const ReleaseFile& file, const OpenedFile& opened, const ReleaseStore& store,
+                   const fs::path& place, update::ManifestFile& entry) {
   const update::ManifestFile* served = store.servedEntry(file.path);
-  if (served == nullptr || served->size != file.size) return false;
+  if (served == nullptr || served->size != opened.size) return false;
   const fs::path servedFile = store.servedFile(file.path);
   std::error_code error;
   if (!fs::is_regular_file(fs::symlink_status(servedFile, error))) return false;
   if (fs::file_size(servedFile, error) != served->size || error) return false;
-  if (update::sha256File(file.source) != served->sha256) return false;
+  std::string digest, problem;
+  std::uint64_t size = 0;
+  if (!streamReleaseFile(opened, {}, digest, size, problem) || digest != served->sha256 ||
+      size != served->size) {
+    return false;
+  }
   fs::create_hard_link(servedFile, place, error);
   if (error) return false;
-  entry = {file.path, served->sha256, served->size, file.executable};
+  entry = {file.path, served->sha256, served->size, opened.executable};
   return true;
 }
 
-// Copies a file into the new release and describes the copy: what is published is exactly what
-// was hashed, even if the release folder changes meanwhile.
-bool copyChanged(const ReleaseFile& file, const fs::path& place, update::ManifestFile& entry,
-                 Problems& problems) {
-  std::error_code error;
-  fs::copy_file(file.source, place, error);
-  if (error) {
-    problems.push_back(file.path + ": cannot be copied: " + error.message());
+// Copies the opened file into the new release, hashing the bytes as they are copied: what is
+// published is exactly what was hashed, even if the release folder changes meanwhile.
+bool copyChanged(const ReleaseFile& file, const OpenedFile& opened, const ReleaseStore& store,
+                 const fs::path& place, update::ManifestFile& entry, Problems& problems) {
+  std::string digest, problem;
+  std::uint64_t size = 0;
+  if (!streamReleaseFile(opened, place, digest, size, problem)) {
+    problems.push_back(file.path + ": " + problem);
     return false;
   }
-  const std::string digest = update::sha256File(place);
-  const std::uint64_t size = fs::file_size(place, error);
-  if (digest.empty() || error) {
-    problems.push_back(file.path + ": cannot be read" + (error ? ": " + error.message() : ""));
-    return false;
-  }
-  entry = {file.path, digest, size, file.executable};
+  stampNewerThan(place, store.servedFile(file.path));
+  entry = {file.path, digest, size, opened.executable};
   return true;
 }
 
@@ -165,10 +170,16 @@ void fillRelease(const std::vector<ReleaseFile>& files, const ReleaseStore& stor
     const fs::path place = store.folder() / "files" / file.path;
     std::error_code error;
     fs::create_directories(place.parent_path(), error);
+    std::optional<OpenedFile> opened;
+    std::string problem;
     update::ManifestFile entry;
-    if (linkUnchanged(file, store, place, entry)) {
+    if (!openReleaseFile(file.source, opened, problem)) {
+      problems.push_back(file.path + ": " + problem);
+      continue;
+    }
+    if (linkUnchanged(file, *opened, store, place, entry)) {
       ++linked;
-    } else if (!copyChanged(file, place, entry, problems)) {
+    } else if (!copyChanged(file, *opened, store, place, entry, problems)) {
       continue;
     }
     manifest.files.push_back(entry);
@@ -176,10 +187,13 @@ void fillRelease(const std::vector<ReleaseFile>& files, const ReleaseStore& stor
   }
 }
 
-bool writeManifest(const fs::path& folder, const std::string& json, const std::string& signature,
+bool writeManifest(const ReleaseStore& store, const std::string& json, const std::string& signature,
                    Problems& problems) {
+  const fs::path& folder = store.folder();
   if (update::writeTextFile(folder / "manifest.json", json) &&
       update::writeTextFile(folder / "manifest.sig", signature)) {
+    stampNewerThan(folder / "manifest.json", store.served() / "manifest.json");
+    stampNewerThan(folder / "manifest.sig", store.served() / "manifest.sig");
     return true;
   }
   problems.push_back(folder.string() + ": cannot write the manifest");
@@ -228,11 +242,13 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
   SigningKey signing;
   std::vector<ReleaseFile> files;
   checkValues(options, notes, problems);
-  checkKey(options.key, signing, problems);
+  checkKey(options.key, options.passphrase, signing, problems);
   scanRelease(options.from, files, problems);
   ReleaseStore store(options.serverRoot, options.channel, options.platform);
-  store.inspect(problems);
-  if (!problems.empty() || !store.create(options.version, problems)) return false;
+  if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems) ||
+      !store.create(options.version, problems)) {
+    return false;
+  }
   update::Manifest manifest = manifestHeader(options, notes);
   fillRelease(files, store, manifest, summary.linked, problems);
   if (!problems.empty()) return false;
@@ -243,7 +259,7 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
     return false;
   }
   selfCheck(json, signature, signing, store.folder(), manifest, problems);
-  if (!problems.empty() || !writeManifest(store.folder(), json, signature, problems) ||
+  if (!problems.empty() || !writeManifest(store, json, signature, problems) ||
       !store.makeCurrent(problems)) {
     return false;
   }

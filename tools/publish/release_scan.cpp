@@ -23,7 +23,7 @@ bool fetchableName(const std::string& path) {
   });
 }
 
-// Why this entry cannot be shipped, or an empty text when it can; fills in its source and flag.
+// Why this entry cannot be shipped, or an empty text when it can; fills in its source.
 std::string judge(const fs::directory_entry& entry, const fs::path& realRoot, ReleaseFile& file) {
   std::error_code error;
   if (!update::safeRelativePath(file.path)) return "the launcher refuses this name";
@@ -42,7 +42,6 @@ std::string judge(const fs::directory_entry& entry, const fs::path& realRoot, Re
   const fs::file_status status = fs::status(file.source, error);
   if (fs::is_directory(status)) return "symbolic link to a folder (link the files instead)";
   if (!fs::is_regular_file(status)) return "not a regular file";
-  file.executable = (status.permissions() & fs::perms::owner_exec) != fs::perms::none;
   file.size = fs::file_size(file.source, error);
   return {};
 }

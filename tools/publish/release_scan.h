@@ -12,7 +12,6 @@ struct ReleaseFile {
   std::string path;              // relative, '/'-separated: the manifest's name for the file
   std::filesystem::path source;  // where its bytes are read (a link inside the release: its target)
   std::uint64_t size = 0;        // at the time of the walk; the copy's size is what is published
-  bool executable = false;       // the owner's execute bit
 };
 
 // True when `path` is `folder` or lies below it, compared element by element as written.

@@ -1,6 +1,8 @@
 #include "tools/publish/release_store.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -67,6 +69,17 @@ std::string problemAt(const fs::path& path, const std::string& what, const std::
 
 }  // namespace
 
+void stampNewerThan(const fs::path& file, const fs::path& served) {
+  struct stat mine;
+  struct stat old;
+  if (::stat(served.c_str(), &old) != 0 || ::stat(file.c_str(), &mine) != 0 ||
+      mine.st_mtim.tv_sec > old.st_mtim.tv_sec) {
+    return;
+  }
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {old.st_mtim.tv_sec + 1, 0}};
+  ::utimensat(AT_FDCWD, file.c_str(), times, 0);
+}
+
 ReleaseStore::ReleaseStore(const fs::path& serverRoot, const std::string& channel,
                            const std::string& platform)
     : channel_(serverRoot / channel),
@@ -101,7 +114,7 @@ bool ReleaseStore::inspect(Problems& problems) {
   return true;
 }
 
-bool ReleaseStore::create(const std::string& version, Problems& problems) {
+bool ReleaseStore::createReleasesFolder(Problems& problems) {
   std::error_code error;
   for (fs::path folder = releases_; !folder.empty() && !fs::exists(folder, error);
        folder = folder.parent_path()) {
@@ -109,10 +122,54 @@ bool ReleaseStore::create(const std::string& version, Problems& problems) {
     if (folder == folder.parent_path()) break;
   }
   fs::create_directories(releases_, error);
-  if (error) {
-    problems.push_back(problemAt(releases_, "cannot be created", error));
+  if (error) problems.push_back(problemAt(releases_, "cannot be created", error));
+  return !error;
+}
+
+bool ReleaseStore::lock(bool wait, Problems& problems) {
+  for (;;) {
+    if (!createReleasesFolder(problems)) return false;
+    update::FileDescriptor folder(::open(releases_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.get() < 0 || !lockFolder(folder.get(), wait, problems)) {
+      if (folder.get() < 0) problems.push_back(releases_.string() + ": cannot be opened");
+      return false;
+    }
+    // A publisher that failed removed the folders it had created, perhaps the very one this run
+    // waited for: then it starts over with the folder now at that place.
+    struct stat locked;
+    struct stat now;
+    if (::fstat(folder.get(), &locked) == 0 && ::stat(releases_.c_str(), &now) == 0 &&
+        locked.st_dev == now.st_dev && locked.st_ino == now.st_ino) {
+      lock_.emplace(std::move(folder));
+      return true;
+    }
+  }
+}
+
+bool ReleaseStore::lockFolder(int folder, bool wait, Problems& problems) {
+  if (::flock(folder, LOCK_EX | LOCK_NB) == 0) return true;
+  const int why = errno;
+  const std::string what = channel_.filename().string() + "/" + served_.filename().string();
+  if (why != EWOULDBLOCK) {
+    problems.push_back(problemAt(releases_, "cannot be locked", {why, std::generic_category()}));
     return false;
   }
+  if (!wait) {
+    problems.push_back(releases_.string() + ": another release of " + what +
+                       " is being published (--no-wait given)");
+    return false;
+  }
+  std::fprintf(stderr, "tarn-hollow-publish: waiting for another release of %s to finish\n",
+               what.c_str());
+  int result;
+  while ((result = ::flock(folder, LOCK_EX)) != 0 && errno == EINTR) {
+  }
+  if (result != 0) problems.push_back(releases_.string() + ": cannot be locked");
+  return result == 0;
+}
+
+bool ReleaseStore::create(const std::string& version, Problems& problems) {
+  std::error_code error;
   std::size_t sequence = nextSequence();
   if (takeOver_) takenOverName_ = releaseName(sequence++, "taken-over");
   const fs::path folder = releases_ / releaseName(sequence, version);
@@ -170,12 +227,15 @@ bool ReleaseStore::swapLinkIn(Problems& problems) {
 }
 
 std::size_t ReleaseStore::prune(std::size_t keep) {
-  const Releases releases = releasesIn(releases_);
-  std::size_t removed = 0;
-  for (std::size_t i = keep; i < releases.size(); ++i) {
-    std::error_code error;
-    if (fs::equivalent(served_, releases[i].second, error)) continue;
-    fs::remove_all(releases[i].second, error);
+  std::error_code error;
+  const std::size_t current = sequenceOf(fs::read_symlink(served_, error).filename().string());
+  std::size_t kept = 0, removed = 0;
+  for (const auto& [sequence, folder] : releasesIn(releases_)) {
+    // Only finished releases, the current one and older: a folder without its signature, or a
+    // newer one, is a publisher's work under way or what a killed one left.
+    if (sequence > current || !fs::exists(folder / "manifest.sig", error)) continue;
+    if (++kept <= keep || fs::equivalent(served_, folder, error)) continue;
+    fs::remove_all(folder, error);
     if (!error) ++removed;
   }
   return removed;

@@ -9,12 +9,21 @@
 #include <cstddef>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "update/file_descriptor.h"
 #include "update/manifest.h"
 
 namespace th::publish {
+
+// Gives `file`, new in a release, a modification time later than `served`, the file at the same
+// place in the served release. Servers derive a file's validators (ETag, Last-Modified) from its
+// size and its time in whole seconds, and a file's URL is the same in every release: a changed
+// file of the same size written within the same second would pass a cache's revalidation as the
+// old one, and the cache would go on serving the old bytes.
+void stampNewerThan(const std::filesystem::path& file, const std::filesystem::path& served);
 
 class ReleaseStore {
  public:
@@ -30,7 +39,11 @@ class ReleaseStore {
   // by hand, or by an older version of this tool) is taken over when the release is made
   // current. False, with a problem line, when something else stands there.
   bool inspect(std::vector<std::string>& problems);
-  // Creates the new release's folder.
+  // Creates the releases folder where needed and takes an exclusive lock on it for the store's
+  // lifetime: one publisher at a time per channel and platform. While another holds it, waits
+  // (saying so on standard error) or, without `wait`, fails with a problem line.
+  bool lock(bool wait, std::vector<std::string>& problems);
+  // Creates the new release's folder, next in sequence; needs the lock.
   bool create(const std::string& version, std::vector<std::string>& problems);
 
   // The served release's file at `path`, where its manifest lists one; null otherwise.
@@ -42,10 +55,13 @@ class ReleaseStore {
 
   // Flushes the new release to disk, then swaps the link in, in one rename.
   bool makeCurrent(std::vector<std::string>& problems);
-  // Removes all but the newest `keep` releases; the number removed.
+  // Removes finished releases older than the newest `keep` ones up to the current one; the number
+  // removed.
   std::size_t prune(std::size_t keep);
 
  private:
+  bool createReleasesFolder(std::vector<std::string>& problems);
+  bool lockFolder(int folder, bool wait, std::vector<std::string>& problems);
   std::size_t nextSequence() const;
   bool swapLinkIn(std::vector<std::string>& problems);
 
@@ -55,6 +71,7 @@ class ReleaseStore {
   std::map<std::string, update::ManifestFile> servedFiles_;
   std::vector<std::filesystem::path> created_;
   bool current_ = false;
+  std::optional<update::FileDescriptor> lock_;  // released last, after the clean-up
 };
 
 }  // namespace th::publish

@@ -2,9 +2,11 @@
 
 #include <stdlib.h>
 
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 
+#include "tools/publish/cache_headers.h"
 #include "tools/publish/progress.h"
 #include "update/http.h"
 #include "update/manifest.h"
@@ -58,14 +60,33 @@ bool publicKeyFile(const VerifyOptions& options, const fs::path& scratch, fs::pa
   return problems.empty();
 }
 
+// Notes a response that a shared cache in front of the server may serve stale.
+void noteCaching(const std::string& name, const std::string& url,
+                 std::vector<std::string>& warnings) {
+  ResponseHeaders headers;
+  std::string error;
+  if (!fetchResponseHeaders(url, headers, error)) {
+    warnings.push_back(name + ": its headers cannot be fetched: " + error);
+    return;
+  }
+  const std::string header = staleCachingHeader(headers, std::time(nullptr));
+  if (!header.empty()) {
+    warnings.push_back(name + ": \"" + header +
+                       "\" lets a shared cache serve it stale, without asking the server");
+  }
+}
+
 bool fetchManifest(const VerifyOptions& options, const std::string& folderUrl, const fs::path& key,
-                   update::Manifest& manifest, Problems& problems) {
+                   update::Manifest& manifest, VerifySummary& summary, Problems& problems) {
   std::string text, signature, error;
-  if (!update::httpGet(update::joinUrl(folderUrl, "manifest.json"), text, error) ||
-      !update::httpGet(update::joinUrl(folderUrl, "manifest.sig"), signature, error)) {
+  const std::string textUrl = update::joinUrl(folderUrl, "manifest.json");
+  const std::string signatureUrl = update::joinUrl(folderUrl, "manifest.sig");
+  if (!update::httpGet(textUrl, text, error) || !update::httpGet(signatureUrl, signature, error)) {
     problems.push_back("the manifest cannot be fetched: " + error);
     return false;
   }
+  noteCaching("manifest.json", textUrl, summary.warnings);
+  noteCaching("manifest.sig", signatureUrl, summary.warnings);
   trimSignatureEnd(signature);
   if (!update::verifySignedManifest(text, signature, key, error) ||
       !update::parseManifest(text, manifest, error)) {
@@ -81,12 +102,12 @@ bool fetchManifest(const VerifyOptions& options, const std::string& folderUrl, c
 
 // Empty when the served file matches its entry; otherwise what is wrong with it.
 std::string checkFile(const std::string& filesUrl, const update::ManifestFile& file,
-                      const fs::path& scratch) {
+                      const fs::path& scratch, std::vector<std::string>& warnings) {
   const fs::path download = scratch / "download";
   std::string error;
-  if (!update::httpDownload(update::joinUrl(filesUrl, file.path), download, {}, error)) {
-    return "cannot be downloaded: " + error;
-  }
+  const std::string url = update::joinUrl(filesUrl, file.path);
+  if (!update::httpDownload(url, download, {}, error)) return "cannot be downloaded: " + error;
+  noteCaching(file.path, url, warnings);
   const std::string digest = update::sha256File(download);
   std::error_code sizeError;
   const std::uint64_t size = fs::file_size(download, sizeError);
@@ -111,7 +132,7 @@ bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problem
     return false;
   }
   if (!publicKeyFile(options, scratch.path(), key, problems) ||
-      !fetchManifest(options, summary.folderUrl, key, manifest, problems)) {
+      !fetchManifest(options, summary.folderUrl, key, manifest, summary, problems)) {
     return false;
   }
   summary.version = manifest.version;
@@ -119,12 +140,17 @@ bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problem
   HashProgress progress(stderr, manifest.files.size(), summary.bytes, "checking");
   const std::string filesUrl = update::joinUrl(summary.folderUrl, "files");
   for (const update::ManifestFile& file : manifest.files) {
-    if (const std::string problem = checkFile(filesUrl, file, scratch.path()); !problem.empty()) {
+    if (const std::string problem = checkFile(filesUrl, file, scratch.path(), summary.warnings);
+        !problem.empty()) {
       problems.push_back(file.path + ": " + problem);
     }
     progress.fileDone(file.size);
   }
   summary.files = manifest.files.size();
+  if (options.strict) {
+    problems.insert(problems.end(), summary.warnings.begin(), summary.warnings.end());
+    summary.warnings.clear();
+  }
   return problems.empty();
 }
 
