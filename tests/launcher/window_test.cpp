@@ -46,10 +46,12 @@ class Launcher : public ::testing::Test {
     return display.optionsFor(options);
   }
 
-  void start(Lines starter = {}) {
+  // Started by a parent that leaves more to its children than a shell: the recorder's
+  // "--exec-unclean" sets nice +3, blocks a signal, ignores one and leaves a descriptor open.
+  void start() {
     ASSERT_TRUE(display.ok());
-    starter.push_back((root / "tarn-hollow-launcher").string());
-    launcher = std::make_unique<ChildProcess>(starter, options());
+    launcher = std::make_unique<ChildProcess>(
+        Lines{TH_RECORDER, "--exec-unclean", (root / "tarn-hollow-launcher").string()}, options());
     const auto found = display.waitForWindow(kTitle, 20s, launcher->pid());
     ASSERT_TRUE(found) << launcher->err();
     window = *found;
@@ -71,10 +73,6 @@ class Launcher : public ::testing::Test {
         },
         90s);
   }
-
-  // Started by a parent that leaves more to its children than a shell (the recorder's
-  // "--exec-unclean": nice +3, a signal blocked, one ignored, a descriptor open).
-  void startUnclean() { start({TH_RECORDER, "--exec-unclean"}); }
 
   // What the recorder must find when started, however indirectly, by that launcher: its nice
   // value and standard streams, nothing else open, no signal blocked or ignored.
@@ -179,7 +177,7 @@ TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
   noVideo.env["SDL_VIDEO_DRIVER"] = "no-such-video-driver";
   const ProcessResult r = runProcess({(root / "tarn-hollow-launcher").string()}, noVideo);
   EXPECT_EQ(std::make_pair(r.exitCode, r.out + r.err), std::make_pair(1, std::string()));
-  startUnclean();
+  start();
   const std::string expected = cleanStartAfter();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
   ASSERT_TRUE(display.key(window, "Return"));
@@ -203,7 +201,7 @@ TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
   const std::string successor = running + "launcher 1.3.0";  // an ELF loader ignores the tail
   serve({{"tarn-hollow-launcher", successor, true}, {"tarn-hollow", readBytes(TH_RECORDER), true}});
   fs::copy_file(TH_UPDATE_HELPER, root / "tarn-hollow-update-helper");
-  startUnclean();
+  start();
   const std::string expected = cleanStartAfter();
   EXPECT_EQ(launcher->wait(90s), 0);
   const fs::path work = root / ".tarnhollow-update";
