@@ -1,0 +1,364 @@
+// Power cuts on real ext4, xfs and btrfs. A launcher start (the engine, then the update helper) or
+// a publish runs on a file system image mounted through a loop device and is SIGKILLed by strace
+// at a chosen system call. At once the image is copied as the block device holds it, which keeps
+// only what the file system has written out, and the copy is mounted on a second loop device,
+// where the file system's own recovery runs. The copy shows the power cut, the original the kill.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <random>
+#include <regex>
+#include <sstream>
+
+#include "tests/support/update_server.h"
+#include "update/manifest.h"
+#include "update/signature.h"
+
+namespace th::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Long commit intervals keep the file system from writing anything unasked while the image is
+// copied; xfs has no such option, and its log is pushed only every 30 s.
+struct FileSystem {
+  std::string name;
+  std::vector<std::string> mkfs;
+  std::string options, copyOptions;  // the copy of an xfs image has its original's id
+};
+const FileSystem kFileSystems[] = {
+    {"ext4", {"/usr/sbin/mkfs.ext4", "-q", "-F"}, "commit=600", ""},
+    {"xfs", {"/usr/sbin/mkfs.xfs", "-q", "-f"}, "", "nouuid"},
+    {"btrfs", {"/usr/sbin/mkfs.btrfs", "-q", "-f"}, "commit=600", ""}};
+void PrintTo(const FileSystem& type, std::ostream* out) { *out << type.name; }
+
+// An image file on a loop device of its own, found free by losetup; detached at scope end (by
+// the kernel once unmounted, when a lazy unmount still holds it).
+class LoopDevice {
+ public:
+  explicit LoopDevice(const fs::path& image) {
+    const ProcessResult attached =
+        runProcess({"/usr/sbin/losetup", "--find", "--show", image.string()});
+    device_ = attached.out.substr(0, attached.out.find('\n'));
+    problem_ = attached.exitCode == 0 ? "" : "losetup " + image.string() + ": " + attached.err;
+  }
+  ~LoopDevice() {
+    const int device = ::open(device_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (device < 0) return;
+    ::ioctl(device, LOOP_CLR_FD, 0);
+    ::close(device);
+  }
+  LoopDevice(const LoopDevice&) = delete;
+  LoopDevice& operator=(const LoopDevice&) = delete;
+
+  std::string device_, problem_;
+};
+
+// A device mounted at a folder; unmounted at scope end, lazily while a relaunched launcher
+// still runs from it.
+class Mount {
+ public:
+  Mount(const LoopDevice& loop, const fs::path& at, const std::string& type,
+        const std::string& options)
+      : at_(at) {
+    std::error_code ignored;
+    fs::create_directories(at, ignored);
+    if (::mount(loop.device_.c_str(), at.c_str(), type.c_str(), 0, options.c_str()) != 0)
+      problem_ = loop.problem_ + "mount " + type + " -o '" + options + "': " + strerror(errno);
+  }
+  ~Mount() {
+    if (problem_.empty() && ::umount2(at_.c_str(), 0) != 0) ::umount2(at_.c_str(), MNT_DETACH);
+  }
+  Mount(const Mount&) = delete;
+  Mount& operator=(const Mount&) = delete;
+
+  fs::path at_;
+  std::string problem_;
+};
+
+struct MountedImage {
+  MountedImage(const fs::path& image, const std::string& type, const std::string& options)
+      : loop(image), mount(loop, image.parent_path() / "mnt", type, options) {}
+  LoopDevice loop;
+  Mount mount;
+};
+
+// A fresh file system on a 300 MiB image (the least xfs takes), mounted. The image lies in memory
+// where it can, so that the loop device's flushes cost nothing.
+class Bench {
+ public:
+  explicit Bench(const FileSystem& type) : type_(type) {
+    if (!fs::exists("/dev/loop-control")) {
+      problem_ = "no loop devices (/dev/loop-control): power cuts need root and the loop driver";
+      return;
+    }
+    fs::resize_file(writeEmpty(dir_ / "image"), 300u << 20);
+    std::vector<std::string> mkfs = type.mkfs;
+    mkfs.push_back((dir_ / "image").string());
+    const ProcessResult made = runProcess(mkfs);
+    problem_ = made.exitCode == 0 ? "" : mkfs[0] + ": " + made.err;
+    if (made.exitCode == 0) original_.emplace(dir_ / "image", type.name, type.options);
+    if (original_) problem_ = original_->mount.problem_;
+  }
+  const std::string& problem() const { return problem_; }
+  fs::path root() const { return original_->mount.at_; }
+  const std::string& name() const { return type_.name; }
+
+  // Everything written so far on disk, as before a program under test runs.
+  void settle() const { runProcess({"/usr/bin/sync", "-f", root().string()}); }
+  // The disk as a power cut now leaves it, after the file system's recovery; the one before
+  // must be gone.
+  std::unique_ptr<MountedImage> powerCut() const {
+    const fs::path copy = dir_ / "copy" / "image";
+    std::error_code ignored;
+    fs::remove(copy, ignored);
+    fs::create_directories(copy.parent_path(), ignored);
+    runProcess({"/usr/bin/cp", "--sparse=always", (dir_ / "image").string(), copy.string()});
+    return std::make_unique<MountedImage>(copy, type_.name, type_.copyOptions);
+  }
+
+ private:
+  static fs::path writeEmpty(const fs::path& path) {
+    writeBytes(path, "");
+    return path;
+  }
+
+  TempDir dir_{fs::is_directory("/dev/shm") ? "/dev/shm" : ""};
+  const FileSystem& type_;
+  std::string problem_;
+  std::optional<MountedImage> original_;
+};
+
+// A call as strace's `when` counts them, the n-th (from 1) of its name; chosen when it changes
+// names, modes or disk contents: killed on entry of each, a program leaves every state that a kill
+// at any moment can leave, half-written files aside.
+struct Call {
+  std::string name;
+  int nth;
+  bool chosen;
+};
+const std::regex kChange(
+    "^(rename|link|unlink|rmdir|mkdir|f?chmod|f?sync|fdatasync|syncfs|sendfile|"
+    "copy_file_range|symlink)|^openat\\(.*O_CREAT");
+
+// `argv` under strace; its exit code, -1 when killed. LeakSanitizer's exit check needs ptrace.
+int runTraced(const std::string& output, const std::string& expression,
+              std::vector<std::string> argv) {
+  argv.insert(argv.begin(), {TH_STRACE, "-o", output, "-e", expression, "--"});
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  const std::string noLeaks = std::string(asan ? asan : "") + ":detect_leaks=0";
+  return runProcess(argv, {{{"ASAN_OPTIONS", noLeaks}}, {}}).exitCode;
+}
+
+// Every call of one whole run of `argv` (its threads and children aside), in order.
+std::vector<Call> callsOf(const std::vector<std::string>& argv) {
+  TempDir trace;
+  EXPECT_EQ(runTraced((trace / "calls").string(), "trace=all", argv), 0);
+  std::vector<Call> calls;
+  std::map<std::string, int> seen;
+  std::istringstream lines(readBytes(trace / "calls"));
+  for (std::string line; std::getline(lines, line);) {
+    const std::string name = line.substr(0, line.find('('));
+    if (name.find(' ') == std::string::npos)  // not a signal or the exit
+      calls.push_back({name, ++seen[name], std::regex_search(line, kChange)});
+  }
+  return calls;
+}
+
+// The chosen calls and TH_POWER_CUT_RANDOM (default 2) others, picked at random.
+std::vector<Call> cutPoints(const std::vector<Call>& calls, unsigned seed) {
+  const char* wanted = std::getenv("TH_POWER_CUT_RANDOM");
+  std::vector<Call> others, cuts;
+  for (const Call& call : calls) (call.chosen ? cuts : others).push_back(call);
+  std::shuffle(others.begin(), others.end(), std::mt19937(seed));
+  others.resize(std::min<size_t>(others.size(), wanted ? std::stoul(wanted) : 2));
+  cuts.insert(cuts.end(), others.begin(), others.end());
+  return cuts;
+}
+
+// What is wrong with a place after a cut, "" when nothing; `marker` tells what the player sees.
+using Judge = std::function<std::string(const fs::path& place, std::string& marker)>;
+
+// Each cut point of `program` on a place that `prepare` laid out on the bench: the place as the
+// power cut leaves it and then as the kill alone leaves it, judged. Prints what was seen.
+std::vector<Call> sweep(const Bench& bench, const std::string& what,
+                        const std::function<void(const fs::path&)>& prepare,
+                        const std::function<std::vector<std::string>(const fs::path&)>& program,
+                        const Judge& judge) {
+  const auto began = std::chrono::steady_clock::now();
+  prepare(bench.root() / "whole");
+  const std::vector<Call> calls = callsOf(program(bench.root() / "whole"));
+  const unsigned seed = std::random_device()();
+  std::map<std::string, int> seen;
+  int recoveredGood = 0, killedGood = 0, cuts = 0;
+  for (const Call& cut : cutPoints(calls, seed)) {
+    const std::string call = cut.name + ":signal=KILL:when=" + std::to_string(cut.nth);
+    SCOPED_TRACE(bench.name() + " " + what + ", " + call + ", seed " + std::to_string(seed));
+    const fs::path place = bench.root() / call;
+    prepare(place);
+    bench.settle();
+    EXPECT_TRUE(runTraced("/dev/null", "inject=" + call, program(place)) == -1 || !cut.chosen);
+    std::string marker, ignored;
+    {
+      const auto recovered = bench.powerCut();
+      const std::string problems = recovered->mount.problem_.empty()
+                                       ? judge(recovered->mount.at_ / call, marker)
+                                       : recovered->mount.problem_;
+      EXPECT_EQ(problems, "") << "after the power cut";
+      recoveredGood += problems.empty();
+    }
+    const std::string problems = judge(place, ignored);
+    EXPECT_EQ(problems, "") << "after the kill";
+    killedGood += problems.empty();
+    ++seen[marker];
+    ++cuts;
+  }
+  std::cout << "power cuts, " << bench.name() << ", " << what << ": " << recoveredGood << " of "
+            << cuts << " recovered images and " << killedGood << " killed ones good, in "
+            << std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count()
+            << " s; what the recovered images show:";
+  for (const auto& [shown, count] : seen) std::cout << " " << count << " × " << shown << ";";
+  std::cout << std::endl;
+  return calls;
+}
+
+// 1.0.0, or 2.0.0: both executables and a pack changed, a pack kept, a map in a new folder.
+std::vector<ReleaseFile> filesOf(const std::string& version) {
+  std::vector<ReleaseFile> files = {
+      {"tarn-hollow", "#!/bin/sh\necho game " + version + "\n", true},
+      {"tarn-hollow-launcher", "#!/bin/sh\n# launcher " + version + "\n", true},
+      {"data/a.pak", std::string(300000, version[0])},
+      {"data/b.pak", "the same in every release"},
+      {"data/maps/forest.map", version}};
+  files.resize(version == "1.0.0" ? 4 : 5);
+  return files;
+}
+void writeFiles(const fs::path& root, const std::string& version) {
+  for (const ReleaseFile& file : filesOf(version)) {
+    writeBytes(root / file.path, file.bytes);
+    if (file.executable) fs::permissions(root / file.path, fs::perms(0755));
+  }
+}
+void layOut(const fs::path& root, const std::string& version, const std::string& server) {
+  prepareInstall(root, server, version + "\n");
+  writeFiles(root, version);
+  for (const char* save : {"save/slot1.sav", "userdata/my.cfg"}) writeBytes(root / save, save);
+}
+
+// Each file old or new or missing (the next check plans it again), with its bit; the marker
+// names 2.0.0 only over all of 2.0.0, or is torn (written in place) to a prefix of a version.
+std::string cutInstallProblems(const fs::path& install, std::string& marker) {
+  std::string problems;
+  std::map<std::string, std::pair<std::string, std::string>> versions;  // path: old, new
+  for (const ReleaseFile& file : filesOf("1.0.0")) versions[file.path].first = file.bytes;
+  for (const ReleaseFile& file : filesOf("2.0.0")) versions[file.path].second = file.bytes;
+  marker = readBytes(install / "data" / "game_version");
+  for (const auto& [path, bytes] : versions) {
+    std::error_code ignored;
+    const bool there = fs::exists(install / path, ignored);
+    const std::string now = readBytes(install / path);
+    if (marker == "2.0.0\n" && now != bytes.second && path != "tarn-hollow-launcher")
+      problems += "the marker names 2.0.0 over an old or missing " + path + "\n";
+    if (there && now != bytes.first && now != bytes.second)
+      problems += path + " is neither old nor new\n";
+    if (there && path.starts_with("tarn-hollow") && fileMode(install / path) != 0755u)
+      problems += path + " is not executable\n";
+  }
+  if (!std::string("1.0.0\n").starts_with(marker) && !std::string("2.0.0\n").starts_with(marker))
+    problems += "the marker holds '" + marker + "'\n";
+  marker = marker.ends_with("\n") ? marker.substr(0, 5) : "a torn marker '" + marker + "'";
+  if (runProcess({(install / "tarn-hollow-launcher").string()}).exitCode != 0)
+    problems += "the launcher does not start\n";
+  return problems;
+}
+
+class PowerCut : public ::testing::TestWithParam<FileSystem> {};
+
+TEST_P(PowerCut, AStartCutAnywhereLeavesALauncherThatStartsAndAnInstallThatHeals) {
+  const Bench bench(GetParam());
+  ASSERT_EQ(bench.problem(), "");
+  TempDir www, expected;
+  NginxServer nginx(www.path());
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  publishRelease(www.path(), {"2.0.0", filesOf("2.0.0"), false, ""});
+  layOut(expected.path(), "2.0.0", nginx.url());
+  const auto start = [&](const fs::path& root) {
+    return std::vector<std::string>{TH_UPDATE_CLIENT, root.string(), nginx.url()};
+  };
+  // The next start heals the install, handing the new launcher over again (printing it) unless
+  // the swap happened; the player's files stay as they were.
+  const Judge judge = [&](const fs::path& install, std::string& marker) {
+    std::string problems = cutInstallProblems(install, marker);
+    const fs::path launcher = install / "tarn-hollow-launcher";
+    const bool swapped = readBytes(launcher) == readBytes(expected / "tarn-hollow-launcher");
+    const ProcessResult next = runProcess(start(install));
+    if (!next.out.starts_with("2.0.0\n") || (next.out.size() > 6) == swapped)
+      problems += "the next start printed " + next.out;
+    return problems + snapshotDiff(installSnapshot(expected.path()), installSnapshot(install));
+  };
+  const std::vector<Call> calls = sweep(
+      bench, "start", [&](const fs::path& root) { layOut(root, "1.0.0", nginx.url()); }, start,
+      judge);
+  // Durable before done: each program flushes what it renames into place, before and after.
+  std::string order;  // of the changes: f a flush, r a rename, c any other; | a new program
+  for (const Call& call : calls) {
+    const bool flush = call.name.find("sync") != std::string::npos;
+    if (call.chosen) order += flush ? 'f' : call.name.starts_with("rename") ? 'r' : 'c';
+    if (call.name == "execve") order += '|';
+  }
+  std::istringstream programs(order);
+  for (std::string part; std::getline(programs, part, '|');)
+    EXPECT_TRUE(std::regex_match(part, std::regex("[^r]*|c*f.*r[^r]*f[^r]*"))) << order;
+}
+
+// The served place holds one release, whole: its manifest signed, each file with its digest.
+std::string servedProblems(const fs::path& serverRoot, std::string& version) {
+  const fs::path served = channelFolder(serverRoot);
+  const std::string manifestText = readBytes(served / "manifest.json");
+  std::string signature = readBytes(served / "manifest.sig"), error;
+  signature = signature.substr(0, signature.find('\n'));
+  update::Manifest manifest;
+  if (!update::verifySignedManifest(manifestText, signature, TH_DEV_PUBLIC_KEY, error) ||
+      !update::parseManifest(manifestText, manifest, error))
+    return "served: " + error + "\n";
+  version = "release " + manifest.version;
+  std::string problems;
+  for (const update::ManifestFile& file : manifest.files) {
+    if (sha256Hex(readBytes(served / "files" / file.path)) != file.sha256)
+      problems += file.path + " is not as its manifest says\n";
+  }
+  return problems;
+}
+
+TEST_P(PowerCut, APublishCutAnywhereServesTheOldReleaseOrTheNewOneWhole) {
+  const Bench bench(GetParam());
+  ASSERT_EQ(bench.problem(), "");
+  TempDir studio;
+  writeFiles(studio / "1.0.0", "1.0.0");
+  writeFiles(studio / "2.0.0", "2.0.0");
+  const auto publish = [&](const std::string& version, const fs::path& serverRoot) {
+    return std::vector<std::string>{TH_PUBLISH_DEVKEY, "release",
+                                    "--from",          (studio / version).string(),
+                                    "--version",       version,
+                                    "--key",           TH_DEV_PRIVATE_KEY,
+                                    "--server-root",   serverRoot.string()};
+  };
+  sweep(
+      bench, "publish",
+      [&](const fs::path& root) { ASSERT_EQ(runProcess(publish("1.0.0", root)).exitCode, 0); },
+      [&](const fs::path& root) { return publish("2.0.0", root); }, servedProblems);
+}
+
+INSTANTIATE_TEST_SUITE_P(, PowerCut, ::testing::ValuesIn(kFileSystems),
+                         [](const auto& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace th::test
