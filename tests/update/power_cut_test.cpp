@@ -40,101 +40,47 @@ const FileSystem kFileSystems[] = {
     {"btrfs", {"/usr/sbin/mkfs.btrfs", "-q", "-f"}, "commit=600", ""}};
 void PrintTo(const FileSystem& type, std::ostream* out) { *out << type.name; }
 
-// An image file on a loop device of its own, found free by losetup; detached at scope end (by
-// the kernel once unmounted, when a lazy unmount still holds it).
-class LoopDevice {
+// An image that `steps` make (each given its path last) in a folder of its own, in memory where
+// it can be so that flushes cost nothing, on a loop device of its own and mounted. All is undone
+// at scope end: the mount lazily while a relaunched launcher may still run from it, the loop
+// device then by the kernel.
+class MountedImage {
  public:
-  explicit LoopDevice(const fs::path& image) {
-    const ProcessResult attached =
-        runProcess({"/usr/sbin/losetup", "--find", "--show", image.string()});
-    device_ = attached.out.substr(0, attached.out.find('\n'));
-    problem_ = attached.exitCode == 0 ? "" : "losetup " + image.string() + ": " + attached.err;
+  MountedImage(std::vector<std::vector<std::string>> steps, const std::string& type,
+               const std::string& options) {
+    if (!fs::exists("/dev/loop-control")) problem_ = "no loop devices: run as root, load `loop`";
+    steps.push_back({"/usr/sbin/losetup", "--find", "--show"});
+    for (std::vector<std::string>& step : steps) {
+      step.push_back(image().string());
+      const ProcessResult done = problem_.empty() ? runProcess(step) : ProcessResult{};
+      if (problem_.empty() && done.exitCode != 0) problem_ = step[0] + ": " + done.err;
+      device_ = done.out.substr(0, done.out.find('\n'));  // the last is losetup's answer
+    }
+    std::error_code ignored;
+    fs::create_directories(root(), ignored);
+    if (problem_.empty() &&
+        ::mount(device_.c_str(), root().c_str(), type.c_str(), 0, options.c_str()) != 0)
+      problem_ = "mount -t " + type + " -o '" + options + "': " + strerror(errno);
+    mounted_ = problem_.empty();
   }
-  ~LoopDevice() {
+  ~MountedImage() {
+    if (mounted_ && ::umount2(root().c_str(), 0) != 0) ::umount2(root().c_str(), MNT_DETACH);
     const int device = ::open(device_.c_str(), O_RDONLY | O_CLOEXEC);
     if (device < 0) return;
     ::ioctl(device, LOOP_CLR_FD, 0);
     ::close(device);
   }
-  LoopDevice(const LoopDevice&) = delete;
-  LoopDevice& operator=(const LoopDevice&) = delete;
+  MountedImage(const MountedImage&) = delete;
+  MountedImage& operator=(const MountedImage&) = delete;
 
-  std::string device_, problem_;
-};
-
-// A device mounted at a folder; unmounted at scope end, lazily while a relaunched launcher
-// still runs from it.
-class Mount {
- public:
-  Mount(const LoopDevice& loop, const fs::path& at, const std::string& type,
-        const std::string& options)
-      : at_(at) {
-    std::error_code ignored;
-    fs::create_directories(at, ignored);
-    if (::mount(loop.device_.c_str(), at.c_str(), type.c_str(), 0, options.c_str()) != 0)
-      problem_ = loop.problem_ + "mount " + type + " -o '" + options + "': " + strerror(errno);
-  }
-  ~Mount() {
-    if (problem_.empty() && ::umount2(at_.c_str(), 0) != 0) ::umount2(at_.c_str(), MNT_DETACH);
-  }
-  Mount(const Mount&) = delete;
-  Mount& operator=(const Mount&) = delete;
-
-  fs::path at_;
-  std::string problem_;
-};
-
-struct MountedImage {
-  MountedImage(const fs::path& image, const std::string& type, const std::string& options)
-      : loop(image), mount(loop, image.parent_path() / "mnt", type, options) {}
-  LoopDevice loop;
-  Mount mount;
-};
-
-// A fresh file system on a 300 MiB image (the least xfs takes), mounted. The image lies in memory
-// where it can, so that the loop device's flushes cost nothing.
-class Bench {
- public:
-  explicit Bench(const FileSystem& type) : type_(type) {
-    if (!fs::exists("/dev/loop-control")) {
-      problem_ = "no loop devices (/dev/loop-control): power cuts need root and the loop driver";
-      return;
-    }
-    fs::resize_file(writeEmpty(dir_ / "image"), 300u << 20);
-    std::vector<std::string> mkfs = type.mkfs;
-    mkfs.push_back((dir_ / "image").string());
-    const ProcessResult made = runProcess(mkfs);
-    problem_ = made.exitCode == 0 ? "" : mkfs[0] + ": " + made.err;
-    if (made.exitCode == 0) original_.emplace(dir_ / "image", type.name, type.options);
-    if (original_) problem_ = original_->mount.problem_;
-  }
+  fs::path image() const { return dir_ / "image"; }
+  fs::path root() const { return dir_ / "mnt"; }
   const std::string& problem() const { return problem_; }
-  fs::path root() const { return original_->mount.at_; }
-  const std::string& name() const { return type_.name; }
-
-  // Everything written so far on disk, as before a program under test runs.
-  void settle() const { runProcess({"/usr/bin/sync", "-f", root().string()}); }
-  // The disk as a power cut now leaves it, after the file system's recovery; the one before
-  // must be gone.
-  std::unique_ptr<MountedImage> powerCut() const {
-    const fs::path copy = dir_ / "copy" / "image";
-    std::error_code ignored;
-    fs::remove(copy, ignored);
-    fs::create_directories(copy.parent_path(), ignored);
-    runProcess({"/usr/bin/cp", "--sparse=always", (dir_ / "image").string(), copy.string()});
-    return std::make_unique<MountedImage>(copy, type_.name, type_.copyOptions);
-  }
 
  private:
-  static fs::path writeEmpty(const fs::path& path) {
-    writeBytes(path, "");
-    return path;
-  }
-
   TempDir dir_{fs::is_directory("/dev/shm") ? "/dev/shm" : ""};
-  const FileSystem& type_;
-  std::string problem_;
-  std::optional<MountedImage> original_;
+  std::string device_, problem_;
+  bool mounted_ = false;
 };
 
 // A call as strace's `when` counts them, the n-th (from 1) of its name; chosen when it changes
@@ -184,48 +130,51 @@ std::vector<Call> cutPoints(const std::vector<Call>& calls, unsigned seed) {
   return cuts;
 }
 
-// What is wrong with a place after a cut, "" when nothing; `marker` tells what the player sees.
-using Judge = std::function<std::string(const fs::path& place, std::string& marker)>;
+// What is wrong with a place after a cut, "" when nothing; `shows` tells what the place shows.
+using Judge = std::function<std::string(const fs::path& place, std::string& shows)>;
 
-// Each cut point of `program` on a place that `prepare` laid out on the bench: the place as the
-// power cut leaves it and then as the kill alone leaves it, judged. Prints what was seen.
-std::vector<Call> sweep(const Bench& bench, const std::string& what,
+// Each cut point of `program` on a place that `prepare` laid out on a fresh file system (the
+// least xfs takes): the image a power cut leaves, recovered, and then the place a kill leaves,
+// judged. Prints what was seen.
+std::vector<Call> sweep(const FileSystem& type, const std::string& what,
                         const std::function<void(const fs::path&)>& prepare,
                         const std::function<std::vector<std::string>(const fs::path&)>& program,
                         const Judge& judge) {
   const auto began = std::chrono::steady_clock::now();
-  prepare(bench.root() / "whole");
-  const std::vector<Call> calls = callsOf(program(bench.root() / "whole"));
+  const MountedImage disk({{"/usr/bin/truncate", "-s", "300M"}, type.mkfs}, type.name,
+                          type.options);
+  EXPECT_EQ(disk.problem(), "");
+  if (!disk.problem().empty()) return {};
+  prepare(disk.root() / "whole");
+  const std::vector<Call> calls = callsOf(program(disk.root() / "whole"));
   const unsigned seed = std::random_device()();
-  std::map<std::string, int> seen;
-  int recoveredGood = 0, killedGood = 0, cuts = 0;
+  std::map<std::string, int> shown;
+  int cuts = 0, good = 0;
   for (const Call& cut : cutPoints(calls, seed)) {
     const std::string call = cut.name + ":signal=KILL:when=" + std::to_string(cut.nth);
-    SCOPED_TRACE(bench.name() + " " + what + ", " + call + ", seed " + std::to_string(seed));
-    const fs::path place = bench.root() / call;
+    SCOPED_TRACE(type.name + " " + what + ", " + call + ", seed " + std::to_string(seed));
+    const fs::path place = disk.root() / call;
     prepare(place);
-    bench.settle();
+    runProcess({"/usr/bin/sync", "-f", place.string()});  // all but the cut program on disk
     EXPECT_TRUE(runTraced("/dev/null", "inject=" + call, program(place)) == -1 || !cut.chosen);
-    std::string marker, ignored;
+    std::string shows, killedShows, problems;
     {
-      const auto recovered = bench.powerCut();
-      const std::string problems = recovered->mount.problem_.empty()
-                                       ? judge(recovered->mount.at_ / call, marker)
-                                       : recovered->mount.problem_;
+      const MountedImage cutDisk({{"/usr/bin/cp", "--sparse=always", disk.image().string()}},
+                                 type.name, type.copyOptions);
+      problems =
+          cutDisk.problem().empty() ? judge(cutDisk.root() / call, shows) : cutDisk.problem();
       EXPECT_EQ(problems, "") << "after the power cut";
-      recoveredGood += problems.empty();
     }
-    const std::string problems = judge(place, ignored);
-    EXPECT_EQ(problems, "") << "after the kill";
-    killedGood += problems.empty();
-    ++seen[marker];
+    EXPECT_EQ(judge(place, killedShows), "") << "after the kill";
+    ++shown[shows];
+    good += problems.empty();
     ++cuts;
   }
-  std::cout << "power cuts, " << bench.name() << ", " << what << ": " << recoveredGood << " of "
-            << cuts << " recovered images and " << killedGood << " killed ones good, in "
+  std::cout << "power cuts, " << type.name << ", " << what << ": " << good << " of " << cuts
+            << " images good, in "
             << std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count()
-            << " s; what the recovered images show:";
-  for (const auto& [shown, count] : seen) std::cout << " " << count << " × " << shown << ";";
+            << " s; the images show:";
+  for (const auto& [shows, count] : shown) std::cout << " " << count << " x " << shows << ";";
   std::cout << std::endl;
   return calls;
 }
@@ -283,8 +232,6 @@ std::string cutInstallProblems(const fs::path& install, std::string& marker) {
 class PowerCut : public ::testing::TestWithParam<FileSystem> {};
 
 TEST_P(PowerCut, AStartCutAnywhereLeavesALauncherThatStartsAndAnInstallThatHeals) {
-  const Bench bench(GetParam());
-  ASSERT_EQ(bench.problem(), "");
   TempDir www, expected;
   NginxServer nginx(www.path());
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
@@ -305,7 +252,7 @@ TEST_P(PowerCut, AStartCutAnywhereLeavesALauncherThatStartsAndAnInstallThatHeals
     return problems + snapshotDiff(installSnapshot(expected.path()), installSnapshot(install));
   };
   const std::vector<Call> calls = sweep(
-      bench, "start", [&](const fs::path& root) { layOut(root, "1.0.0", nginx.url()); }, start,
+      GetParam(), "start", [&](const fs::path& root) { layOut(root, "1.0.0", nginx.url()); }, start,
       judge);
   // Durable before done: each program flushes what it renames into place, before and after.
   std::string order;  // of the changes: f a flush, r a rename, c any other; | a new program
@@ -339,8 +286,6 @@ std::string servedProblems(const fs::path& serverRoot, std::string& version) {
 }
 
 TEST_P(PowerCut, APublishCutAnywhereServesTheOldReleaseOrTheNewOneWhole) {
-  const Bench bench(GetParam());
-  ASSERT_EQ(bench.problem(), "");
   TempDir studio;
   writeFiles(studio / "1.0.0", "1.0.0");
   writeFiles(studio / "2.0.0", "2.0.0");
@@ -352,7 +297,7 @@ TEST_P(PowerCut, APublishCutAnywhereServesTheOldReleaseOrTheNewOneWhole) {
                                     "--server-root",   serverRoot.string()};
   };
   sweep(
-      bench, "publish",
+      GetParam(), "publish",
       [&](const fs::path& root) { ASSERT_EQ(runProcess(publish("1.0.0", root)).exitCode, 0); },
       [&](const fs::path& root) { return publish("2.0.0", root); }, servedProblems);
 }
