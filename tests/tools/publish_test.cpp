@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <iostream>
 #include <map>
 #include <thread>
 
 #include "tests/launcher/screen_probe.h"
 #include "tests/support/update_server.h"
-#include "update/signature.h"
 #include "update/updater.h"
 
 namespace th::test {
@@ -295,17 +293,7 @@ TEST(ReleaseDay, TwentyPlayersUpdateWhileTheNextReleaseGoesLive) {
   ASSERT_EQ(runProcess(releaseArgs("1.0.0")).exitCode, 0);
   NginxServer nginx(studio.server, "limit_rate 8m;");
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
-  // What the server holds at any moment: the manifest and signature of the release linked in.
-  std::atomic<bool> publishing = true;
-  std::atomic<int> samples = 0, mismatches = 0;
-  std::thread sampler([&] {
-    for (std::string error; publishing; ++samples) {
-      const fs::path folder = fs::canonical(channelFolder(studio.server));
-      mismatches += !th::update::verifySignedManifest(readBytes(folder / "manifest.json"),
-                                                      readBytes(folder / "manifest.sig"),
-                                                      TH_DEV_PUBLIC_KEY, error);
-    }
-  });
+  // What is served at each step of a publish is the power-cut test's; here, what players do.
   const auto install = [&](int i) { return studio.scratch / ("player" + std::to_string(i)); };
   const auto player = [&](int i) {
     return std::vector<std::string>{TH_UPDATE_CLIENT, install(i).string(), nginx.url()};
@@ -319,8 +307,6 @@ TEST(ReleaseDay, TwentyPlayersUpdateWhileTheNextReleaseGoesLive) {
     std::this_thread::sleep_for(100ms);  // players arrive over two seconds, the release among them
   }
   EXPECT_EQ(publisher->wait(120s), 0) << publisher->err();
-  publishing = false;
-  sampler.join();
 
   std::map<std::string, int> outcomes;
   for (int i = 0; i < 20; ++i) {
@@ -340,11 +326,9 @@ TEST(ReleaseDay, TwentyPlayersUpdateWhileTheNextReleaseGoesLive) {
           << said << ' ' << file;
     }
   }
-  EXPECT_EQ(mismatches, 0);
   std::cout << "release day, 20 players:";
   for (const auto& [outcome, count] : outcomes) std::cout << ' ' << outcome << " x" << count;
-  std::cout << " (each failed one converged on 1.1.0 at its next run); the served manifest and "
-            << "signature matched in " << samples - mismatches << " of " << samples << " samples\n";
+  std::cout << " (each failed one converged on 1.1.0 at its next run)\n";
 }
 
 }  // namespace
