@@ -119,7 +119,8 @@ std::vector<Call> callsOf(const std::vector<std::string>& argv) {
   return calls;
 }
 
-// The chosen calls and TH_POWER_CUT_RANDOM (default 2) others, picked at random.
+// The chosen calls, TH_POWER_CUT_RANDOM (default 2) others picked at random, and the end: what a
+// program has flushed must be on disk when it is done.
 std::vector<Call> cutPoints(const std::vector<Call>& calls, unsigned seed) {
   const char* wanted = std::getenv("TH_POWER_CUT_RANDOM");
   std::vector<Call> others, cuts;
@@ -127,6 +128,7 @@ std::vector<Call> cutPoints(const std::vector<Call>& calls, unsigned seed) {
   std::shuffle(others.begin(), others.end(), std::mt19937(seed));
   others.resize(std::min<size_t>(others.size(), wanted ? std::stoul(wanted) : 2));
   cuts.insert(cuts.end(), others.begin(), others.end());
+  cuts.push_back({"done", 0, true});
   return cuts;
 }
 
@@ -151,12 +153,15 @@ std::vector<Call> sweep(const FileSystem& type, const std::string& what,
   std::map<std::string, int> shown;
   int cuts = 0, good = 0;
   for (const Call& cut : cutPoints(calls, seed)) {
-    const std::string call = cut.name + ":signal=KILL:when=" + std::to_string(cut.nth);
+    const std::string call =
+        cut.nth == 0 ? cut.name : cut.name + ":signal=KILL:when=" + std::to_string(cut.nth);
     SCOPED_TRACE(type.name + " " + what + ", " + call + ", seed " + std::to_string(seed));
     const fs::path place = disk.root() / call;
     prepare(place);
     runProcess({"/usr/bin/sync", "-f", place.string()});  // all but the cut program on disk
-    EXPECT_TRUE(runTraced("/dev/null", "inject=" + call, program(place)) == -1 || !cut.chosen);
+    const int exitCode =
+        runTraced("/dev/null", cut.nth ? "inject=" + call : "trace=none", program(place));
+    EXPECT_TRUE(cut.nth ? exitCode == -1 || !cut.chosen : exitCode == 0);
     std::string shows, killedShows, problems;
     {
       const MountedImage cutDisk({{"/usr/bin/cp", "--sparse=always", disk.image().string()}},
