@@ -197,17 +197,24 @@ void addFolderChain(fs::path folder, const fs::path& root, std::set<fs::path>& f
   }
 }
 
-// The marker, and every folder whose entries the install changed: renames into place, into the
-// backup folder and newly made folders are only durable once their folders are flushed.
-void flushInstalled(const Journal& journal, const fs::path& root, const fs::path& marker) {
+// Every folder whose entries the install changed: renames into place, into the backup folder and
+// newly made folders are only durable once their folders are flushed.
+void flushChangedFolders(const Journal& journal, const fs::path& root) {
   std::set<fs::path> folders;
   for (const auto& [installed, backup] : journal) {
     addFolderChain(installed.parent_path(), root, folders);
     if (!backup.empty()) addFolderChain(backup.parent_path(), root, folders);
   }
-  addFolderChain(marker.parent_path(), root, folders);
-  flushToDisk(marker);
   for (const fs::path& folder : folders) flushToDisk(folder);
+}
+
+// The marker vouches for every file of its version, so it goes to disk only after them: a file
+// system that flushes one file alone (btrfs) would otherwise keep a new marker over old files.
+bool writeMarker(const fs::path& marker, const std::string& version) {
+  if (!writeTextFile(marker, version + "\n")) return false;
+  flushToDisk(marker);
+  flushToDisk(marker.parent_path());  // a marker new to the install
+  return true;
 }
 
 }  // namespace
@@ -252,12 +259,11 @@ bool Updater::apply(const UpdatePlan& plan, ProgressCallback progress, std::stri
     rollback(journal);
     return false;
   }
-  const fs::path marker = root / "data" / "game_version";
-  if (!writeTextFile(marker, plan.manifest.version + "\n")) {
+  flushChangedFolders(journal, root);
+  if (!writeMarker(root / "data" / "game_version", plan.manifest.version)) {
     rollback(journal);
     return fail(error, "version_marker_write_failed");
   }
-  flushInstalled(journal, root, marker);
   // A staged launcher waits for the update helper; otherwise the staging folder is spent.
   // Backups are kept: they are the only copy of the replaced files.
   if (stagedLauncher == nullptr || stagedLauncher->empty()) {

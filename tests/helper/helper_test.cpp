@@ -1,5 +1,5 @@
 // The update helper run as a real process; the hand-off is in the window test, kills in the
-// crash-safety test.
+// power-cut test.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 

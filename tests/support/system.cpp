@@ -16,8 +16,9 @@ extern char** environ;
 
 namespace th::test {
 
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "th-test-XXXXXX").string();
+TempDir::TempDir(const std::filesystem::path& under) {
+  const auto parent = under.empty() ? std::filesystem::temp_directory_path() : under;
+  std::string pattern = (parent / "th-test-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed for " << pattern;
   path_ = pattern;
 }

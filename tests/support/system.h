@@ -15,10 +15,11 @@
 
 namespace th::test {
 
-// A fresh folder under the system's temporary folder, removed with everything in it at scope end.
+// A fresh folder under `under` (by default the system's temporary folder), removed with everything
+// in it at scope end.
 class TempDir {
  public:
-  TempDir();
+  explicit TempDir(const std::filesystem::path& under = {});
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

@@ -211,7 +211,7 @@ TEST_F(Updater, InstallsAFreshReleaseThenOnlyWhatChangedLeavingTheLauncherStaged
   ASSERT_TRUE(updater.apply(
       plan, [&](size_t done, size_t total) { progress.emplace_back(done, total); }, error, &staged))
       << error;
-  // Contents, modes, the marker and the player's files after an apply: crash_safety_test.cpp.
+  // Contents, modes, the marker and the player's files after an apply: power_cut_test.cpp.
   EXPECT_EQ(readBytes(install / "data" / "a.bin"), std::string(70000, 'a'));
   EXPECT_FALSE(fs::exists(install / "bin" / kLauncher));
   EXPECT_EQ(staged.parent_path().parent_path().parent_path(), install / ".tarnhollow-update");

@@ -1,0 +1,314 @@
+// Power cuts on real ext4, xfs and btrfs. A launcher start (the engine, then the update helper) or
+// a publish runs on a file system image mounted through a loop device and is SIGKILLed by strace
+// at a chosen system call. At once the image is copied as the block device holds it, which keeps
+// only what the file system has written out, and the copy is mounted on a second loop device,
+// where the file system's own recovery runs. The copy shows the power cut, the original the kill.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <random>
+#include <regex>
+#include <sstream>
+
+#include "tests/support/update_server.h"
+#include "update/manifest.h"
+#include "update/signature.h"
+
+namespace th::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Long commit intervals keep the file system from writing anything unasked while the image is
+// copied; xfs has no such option, and its log is pushed only every 30 s.
+struct FileSystem {
+  std::string name;
+  std::vector<std::string> mkfs;
+  std::string options, copyOptions;  // the copy of an xfs image has its original's id
+};
+const FileSystem kFileSystems[] = {
+    {"ext4", {"/usr/sbin/mkfs.ext4", "-q", "-F"}, "commit=600", ""},
+    {"xfs", {"/usr/sbin/mkfs.xfs", "-q", "-f"}, "", "nouuid"},
+    {"btrfs", {"/usr/sbin/mkfs.btrfs", "-q", "-f"}, "commit=600", ""}};
+void PrintTo(const FileSystem& type, std::ostream* out) { *out << type.name; }
+
+// An image that `steps` make (each given its path last) in a folder of its own, in memory where
+// it can be so that flushes cost nothing, on a loop device of its own and mounted. All is undone
+// at scope end: the mount lazily while a relaunched launcher may still run from it, the loop
+// device then by the kernel.
+class MountedImage {
+ public:
+  MountedImage(std::vector<std::vector<std::string>> steps, const std::string& type,
+               const std::string& options) {
+    if (!fs::exists("/dev/loop-control")) problem_ = "no loop devices: run as root, load `loop`";
+    steps.push_back({"/usr/sbin/losetup", "--find", "--show"});
+    for (std::vector<std::string>& step : steps) {
+      step.push_back(image().string());
+      const ProcessResult done = problem_.empty() ? runProcess(step) : ProcessResult{};
+      if (problem_.empty() && done.exitCode != 0) problem_ = step[0] + ": " + done.err;
+      device_ = done.out.substr(0, done.out.find('\n'));  // the last is losetup's answer
+    }
+    std::error_code ignored;
+    fs::create_directories(root(), ignored);
+    if (problem_.empty() &&
+        ::mount(device_.c_str(), root().c_str(), type.c_str(), 0, options.c_str()) != 0)
+      problem_ = "mount -t " + type + " -o '" + options + "': " + strerror(errno);
+    mounted_ = problem_.empty();
+  }
+  ~MountedImage() {
+    if (mounted_ && ::umount2(root().c_str(), 0) != 0) ::umount2(root().c_str(), MNT_DETACH);
+    const int device = ::open(device_.c_str(), O_RDONLY | O_CLOEXEC);
+    if (device < 0) return;
+    ::ioctl(device, LOOP_CLR_FD, 0);
+    ::close(device);
+  }
+  MountedImage(const MountedImage&) = delete;
+  MountedImage& operator=(const MountedImage&) = delete;
+
+  fs::path image() const { return dir_ / "image"; }
+  fs::path root() const { return dir_ / "mnt"; }
+  const std::string& problem() const { return problem_; }
+
+ private:
+  TempDir dir_{fs::is_directory("/dev/shm") ? "/dev/shm" : ""};
+  std::string device_, problem_;
+  bool mounted_ = false;
+};
+
+// A call as strace's `when` counts them, the n-th (from 1) of its name; chosen when it changes
+// names, modes or disk contents: killed on entry of each, a program leaves every state that a kill
+// at any moment can leave, half-written files aside.
+struct Call {
+  std::string name;
+  int nth;
+  bool chosen;
+};
+const std::regex kChange(
+    "^(rename|link|unlink|rmdir|mkdir|f?chmod|f?sync|fdatasync|syncfs|sendfile|"
+    "copy_file_range|symlink)|^openat\\(.*O_CREAT");
+
+// `argv` under strace; its exit code, -1 when killed. LeakSanitizer's exit check needs ptrace.
+int runTraced(const std::string& output, const std::string& expression,
+              std::vector<std::string> argv) {
+  argv.insert(argv.begin(), {TH_STRACE, "-o", output, "-e", expression, "--"});
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  const std::string noLeaks = std::string(asan ? asan : "") + ":detect_leaks=0";
+  return runProcess(argv, {{{"ASAN_OPTIONS", noLeaks}}, {}}).exitCode;
+}
+
+// Every call of one whole run of `argv` (its threads and children aside), in order.
+std::vector<Call> callsOf(const std::vector<std::string>& argv) {
+  TempDir trace;
+  EXPECT_EQ(runTraced((trace / "calls").string(), "trace=all", argv), 0);
+  std::vector<Call> calls;
+  std::map<std::string, int> seen;
+  std::istringstream lines(readBytes(trace / "calls"));
+  for (std::string line; std::getline(lines, line);) {
+    const std::string name = line.substr(0, line.find('('));
+    if (name.find(' ') == std::string::npos)  // not a signal or the exit
+      calls.push_back({name, ++seen[name], std::regex_search(line, kChange)});
+  }
+  return calls;
+}
+
+// The chosen calls, TH_POWER_CUT_RANDOM (default 2) others picked at random, and the end: what a
+// program has flushed must be on disk when it is done.
+std::vector<Call> cutPoints(const std::vector<Call>& calls, unsigned seed) {
+  const char* wanted = std::getenv("TH_POWER_CUT_RANDOM");
+  std::vector<Call> others, cuts;
+  for (const Call& call : calls) (call.chosen ? cuts : others).push_back(call);
+  std::shuffle(others.begin(), others.end(), std::mt19937(seed));
+  others.resize(std::min<size_t>(others.size(), wanted ? std::stoul(wanted) : 2));
+  cuts.insert(cuts.end(), others.begin(), others.end());
+  cuts.push_back({"done", 0, true});
+  return cuts;
+}
+
+// What is wrong with a place after a cut, "" when nothing; `shows` tells what the place shows.
+using Judge = std::function<std::string(const fs::path& place, std::string& shows)>;
+
+// Each cut point of `program` on a place that `prepare` laid out on a fresh file system (the
+// least xfs takes): the image a power cut leaves, recovered, and then the place a kill leaves,
+// judged. Prints what was seen.
+std::vector<Call> sweep(const FileSystem& type, const std::string& what,
+                        const std::function<void(const fs::path&)>& prepare,
+                        const std::function<std::vector<std::string>(const fs::path&)>& program,
+                        const Judge& judge) {
+  const auto began = std::chrono::steady_clock::now();
+  const MountedImage disk({{"/usr/bin/truncate", "-s", "300M"}, type.mkfs}, type.name,
+                          type.options);
+  EXPECT_EQ(disk.problem(), "");
+  if (!disk.problem().empty()) return {};
+  prepare(disk.root() / "whole");
+  const std::vector<Call> calls = callsOf(program(disk.root() / "whole"));
+  const unsigned seed = std::random_device()();
+  std::map<std::string, int> shown;
+  int cuts = 0, good = 0;
+  for (const Call& cut : cutPoints(calls, seed)) {
+    const std::string call =
+        cut.nth == 0 ? cut.name : cut.name + ":signal=KILL:when=" + std::to_string(cut.nth);
+    SCOPED_TRACE(type.name + " " + what + ", " + call + ", seed " + std::to_string(seed));
+    const fs::path place = disk.root() / call;
+    prepare(place);
+    runProcess({"/usr/bin/sync", "-f", place.string()});  // all but the cut program on disk
+    const int exitCode =
+        runTraced("/dev/null", cut.nth ? "inject=" + call : "trace=none", program(place));
+    EXPECT_TRUE(cut.nth ? exitCode == -1 || !cut.chosen : exitCode == 0);
+    std::string shows, killedShows, problems;
+    {
+      const MountedImage cutDisk({{"/usr/bin/cp", "--sparse=always", disk.image().string()}},
+                                 type.name, type.copyOptions);
+      problems =
+          cutDisk.problem().empty() ? judge(cutDisk.root() / call, shows) : cutDisk.problem();
+      EXPECT_EQ(problems, "") << "after the power cut";
+    }
+    EXPECT_EQ(judge(place, killedShows), "") << "after the kill";
+    ++shown[shows];
+    good += problems.empty();
+    ++cuts;
+  }
+  std::cout << "power cuts, " << type.name << ", " << what << ": " << good << " of " << cuts
+            << " images good, in "
+            << std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count()
+            << " s; the images show:";
+  for (const auto& [shows, count] : shown) std::cout << " " << count << " x " << shows << ";";
+  std::cout << std::endl;
+  return calls;
+}
+
+// 1.0.0, or 2.0.0: both executables and a pack changed, a pack kept, a map in a new folder.
+std::vector<ReleaseFile> filesOf(const std::string& version) {
+  std::vector<ReleaseFile> files = {
+      {"tarn-hollow", "#!/bin/sh\necho game " + version + "\n", true},
+      {"tarn-hollow-launcher", "#!/bin/sh\n# launcher " + version + "\n", true},
+      {"data/a.pak", std::string(300000, version[0])},
+      {"data/b.pak", "the same in every release"},
+      {"data/maps/forest.map", version}};
+  files.resize(version == "1.0.0" ? 4 : 5);
+  return files;
+}
+void writeFiles(const fs::path& root, const std::string& version) {
+  for (const ReleaseFile& file : filesOf(version)) {
+    writeBytes(root / file.path, file.bytes);
+    if (file.executable) fs::permissions(root / file.path, fs::perms(0755));
+  }
+}
+void layOut(const fs::path& root, const std::string& version, const std::string& server) {
+  prepareInstall(root, server, version + "\n");
+  writeFiles(root, version);
+  for (const char* save : {"save/slot1.sav", "userdata/my.cfg"}) writeBytes(root / save, save);
+}
+
+// Each file old or new or missing (the next check plans it again), with its bit; the marker
+// names 2.0.0 only over all of 2.0.0, or is torn (written in place) to a prefix of a version.
+std::string cutInstallProblems(const fs::path& install, std::string& marker) {
+  std::string problems;
+  std::map<std::string, std::pair<std::string, std::string>> versions;  // path: old, new
+  for (const ReleaseFile& file : filesOf("1.0.0")) versions[file.path].first = file.bytes;
+  for (const ReleaseFile& file : filesOf("2.0.0")) versions[file.path].second = file.bytes;
+  marker = readBytes(install / "data" / "game_version");
+  for (const auto& [path, bytes] : versions) {
+    std::error_code ignored;
+    const bool there = fs::exists(install / path, ignored);
+    const std::string now = readBytes(install / path);
+    if (marker == "2.0.0\n" && now != bytes.second && path != "tarn-hollow-launcher")
+      problems += "the marker names 2.0.0 over an old or missing " + path + "\n";
+    if (there && now != bytes.first && now != bytes.second)
+      problems += path + " is neither old nor new\n";
+    if (there && path.starts_with("tarn-hollow") && fileMode(install / path) != 0755u)
+      problems += path + " is not executable\n";
+  }
+  if (!std::string("1.0.0\n").starts_with(marker) && !std::string("2.0.0\n").starts_with(marker))
+    problems += "the marker holds '" + marker + "'\n";
+  marker = marker.ends_with("\n") ? marker.substr(0, 5) : "a torn marker '" + marker + "'";
+  if (runProcess({(install / "tarn-hollow-launcher").string()}).exitCode != 0)
+    problems += "the launcher does not start\n";
+  return problems;
+}
+
+class PowerCut : public ::testing::TestWithParam<FileSystem> {};
+
+TEST_P(PowerCut, AStartCutAnywhereLeavesALauncherThatStartsAndAnInstallThatHeals) {
+  TempDir www, expected;
+  NginxServer nginx(www.path());
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  publishRelease(www.path(), {"2.0.0", filesOf("2.0.0"), false, ""});
+  layOut(expected.path(), "2.0.0", nginx.url());
+  const auto start = [&](const fs::path& root) {
+    return std::vector<std::string>{TH_UPDATE_CLIENT, root.string(), nginx.url()};
+  };
+  // The next start heals the install, handing the new launcher over again (printing it) unless
+  // the swap happened; the player's files stay as they were.
+  const Judge judge = [&](const fs::path& install, std::string& marker) {
+    std::string problems = cutInstallProblems(install, marker);
+    const fs::path launcher = install / "tarn-hollow-launcher";
+    const bool swapped = readBytes(launcher) == readBytes(expected / "tarn-hollow-launcher");
+    const ProcessResult next = runProcess(start(install));
+    if (!next.out.starts_with("2.0.0\n") || (next.out.size() > 6) == swapped)
+      problems += "the next start printed " + next.out;
+    return problems + snapshotDiff(installSnapshot(expected.path()), installSnapshot(install));
+  };
+  const std::vector<Call> calls = sweep(
+      GetParam(), "start", [&](const fs::path& root) { layOut(root, "1.0.0", nginx.url()); }, start,
+      judge);
+  // Durable before done: each program flushes what it renames into place, before and after.
+  std::string order;  // of the changes: f a flush, r a rename, c any other; | a new program
+  for (const Call& call : calls) {
+    const bool flush = call.name.find("sync") != std::string::npos;
+    if (call.chosen) order += flush ? 'f' : call.name.starts_with("rename") ? 'r' : 'c';
+    if (call.name == "execve") order += '|';
+  }
+  std::istringstream programs(order);
+  for (std::string part; std::getline(programs, part, '|');)
+    EXPECT_TRUE(std::regex_match(part, std::regex("[^r]*|c*f.*r[^r]*f[^r]*"))) << order;
+}
+
+// The served place holds one release, whole: its manifest signed, each file with its digest.
+std::string servedProblems(const fs::path& serverRoot, std::string& version) {
+  const fs::path served = channelFolder(serverRoot);
+  const std::string manifestText = readBytes(served / "manifest.json");
+  std::string signature = readBytes(served / "manifest.sig"), error;
+  signature = signature.substr(0, signature.find('\n'));
+  update::Manifest manifest;
+  if (!update::verifySignedManifest(manifestText, signature, TH_DEV_PUBLIC_KEY, error) ||
+      !update::parseManifest(manifestText, manifest, error))
+    return "served: " + error + "\n";
+  version = "release " + manifest.version;
+  std::string problems;
+  for (const update::ManifestFile& file : manifest.files) {
+    if (sha256Hex(readBytes(served / "files" / file.path)) != file.sha256)
+      problems += file.path + " is not as its manifest says\n";
+  }
+  return problems;
+}
+
+TEST_P(PowerCut, APublishCutAnywhereServesTheOldReleaseOrTheNewOneWhole) {
+  TempDir studio;
+  writeFiles(studio / "1.0.0", "1.0.0");
+  writeFiles(studio / "2.0.0", "2.0.0");
+  const auto publish = [&](const std::string& version, const fs::path& serverRoot) {
+    return std::vector<std::string>{TH_PUBLISH_DEVKEY, "release",
+                                    "--from",          (studio / version).string(),
+                                    "--version",       version,
+                                    "--key",           TH_DEV_PRIVATE_KEY,
+                                    "--server-root",   serverRoot.string()};
+  };
+  sweep(
+      GetParam(), "publish",
+      [&](const fs::path& root) { ASSERT_EQ(runProcess(publish("1.0.0", root)).exitCode, 0); },
+      [&](const fs::path& root) { return publish("2.0.0", root); }, servedProblems);
+}
+
+INSTANTIATE_TEST_SUITE_P(, PowerCut, ::testing::ValuesIn(kFileSystems),
+                         [](const auto& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace th::test
