@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 extern char** environ;
@@ -185,6 +186,11 @@ void ChildProcess::kill(int signal) {
 
 std::string ChildProcess::out() const { return readBytes(outPath_); }
 std::string ChildProcess::err() const { return readBytes(errPath_); }
+
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream in(text);
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
   ChildProcess child(argv, options);

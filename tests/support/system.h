@@ -73,6 +73,9 @@ std::vector<std::string> childEnvironment(const ProcessOptions& options);
 // The null-terminated pointer array that exec wants; valid while `strings` lives unchanged.
 std::vector<char*> pointers(std::vector<std::string>& strings);
 
+// The blank-separated words of `text`, for command lines written as one text.
+std::vector<std::string> words(const std::string& text);
+
 // Runs a program to completion (killing it after the time-out) and collects its output.
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
 

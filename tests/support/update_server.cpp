@@ -114,33 +114,22 @@ TestCertificates::TestCertificates() {
         make(untrusted, "untrusted", "other-ca", "IP:127.0.0.1");
 }
 
-// A CA when `ca` is empty, else a certificate that `ca` signs.
+// A CA when `ca` is empty, else a certificate that `ca` signs; names hold no blanks.
 bool TestCertificates::make(ServerCertificate& server, const std::string& name,
                             const std::string& ca, const std::string& subjectAltName,
                             const std::string& days) {
   server = {dir_ / (name + ".pem"), dir_ / (name + ".key")};
-  std::vector<std::string> request = {"/usr/bin/openssl",
-                                      "req",
-                                      "-newkey",
-                                      "ec",
-                                      "-pkeyopt",
-                                      "ec_paramgen_curve:P-256",
-                                      "-nodes",
-                                      "-keyout",
-                                      server.key.string(),
-                                      "-subj",
-                                      "/CN=" + name,
-                                      "-out",
-                                      name + (ca.empty() ? ".pem" : ".csr")};
-  if (ca.empty()) request.insert(request.end(), {"-x509", "-days", days});
-  const bool made = runProcess(request, {{}, dir_.path()}).exitCode == 0;
-  if (!made || ca.empty()) return made;
+  const auto openssl = [&](const std::string& args) {
+    return runProcess(words("/usr/bin/openssl " + args), {{}, dir_.path()}).exitCode == 0;
+  };
+  const std::string request = "req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout " +
+                              name + ".key -subj /CN=" + name + " -out " + name;
+  if (ca.empty()) return openssl(request + ".pem -x509 -days " + days);
   writeBytes(dir_ / (name + ".ext"), "subjectAltName=" + subjectAltName + "\n");
-  return runProcess({"/usr/bin/openssl", "x509", "-req", "-in", name + ".csr", "-CA", ca + ".pem",
-                     "-CAkey", ca + ".key", "-CAcreateserial", "-days", days, "-extfile",
-                     name + ".ext", "-out", name + ".pem"},
-                    {{}, dir_.path()})
-             .exitCode == 0;
+  return openssl(request + ".csr") &&
+         openssl("x509 -req -in " + name + ".csr -CA " + ca + ".pem -CAkey " + ca +
+                 ".key -CAcreateserial -days " + days + " -extfile " + name + ".ext -out " + name +
+                 ".pem");
 }
 
 bool TestCertificates::trustedHere() const {
