@@ -14,8 +14,8 @@
 #include "tests/launcher/screen_probe.h"
 #include "tests/support/update_server.h"
 #include "update/file_descriptor.h"
+#include "update/manifest.h"
 #include "update/signature.h"
-#include "update/updater.h"
 
 namespace th::test {
 namespace {
@@ -47,11 +47,14 @@ void expectReport(const std::string& text, const std::string& heading, const Arg
   EXPECT_EQ(got, expected);
 }
 
+Args operator+(Args first, const Args& then) {
+  first.insert(first.end(), then.begin(), then.end());
+  return first;
+}
+
 // The tool's command line, run by `wrapper` (such as setsid -w) when one is given.
-Args publishArgs(const Args& args, Args wrapper = {}) {
-  wrapper.push_back(TH_PUBLISH_DEVKEY);
-  wrapper.insert(wrapper.end(), args.begin(), args.end());
-  return wrapper;
+Args publishArgs(const Args& args, const Args& wrapper = {}) {
+  return wrapper + Args{TH_PUBLISH_DEVKEY} + args;
 }
 
 ProcessResult publish(const Args& args, const Args& wrapper = {}) {
@@ -74,11 +77,19 @@ struct Studio {
 
   Args args(const std::string& version, const Args& extra = {},
             const std::string& key = TH_DEV_PRIVATE_KEY, const Args& wrapper = {}) const {
-    Args argv = publishArgs(
-        {"release", "--from", release, "--version", version, "--key", key, "--server-root", server},
-        wrapper);
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return argv;
+    const Args given({"release", "--from", release, "--version", version, "--key", key,
+                      "--server-root", server});
+    return publishArgs(given + extra, wrapper);
+  }
+
+  // A release of its own for `version`: a game file naming it, a large file every release shares,
+  // and a level of the same size in each, whose bytes alone tell the releases apart.
+  Args next(const std::string& version, const Args& extra = {}) {
+    release = scratch / version;
+    writeBytes(release / "tarn-hollow", "#!/bin/sh\necho " + version + "\n");
+    writeBytes(release / "data" / "world.pak", std::string(3 << 20, 'w'));
+    writeBytes(release / "data" / "level.pak", std::string(1 << 20, version[2]));
+    return args(version, extra);
   }
 
   // The tool names every problem at once, and a refused release leaves no trace on the server.
@@ -94,9 +105,8 @@ struct Studio {
 // Its scratch folder (the key, each download) goes again. Returns its standard error.
 std::string expectVerify(const std::string& url, const Args& problems, const Args& extra = {}) {
   const TempDir tmp;
-  Args argv = publishArgs({"verify", "--url", url});
-  argv.insert(argv.end(), extra.begin(), extra.end());
-  const ProcessResult result = runProcess(argv, {{{"TMPDIR", tmp.path().string()}}, {}});
+  const ProcessResult result =
+      runProcess(publishArgs(Args{"verify", "--url", url} + extra), {{{"TMPDIR", tmp.path()}}, {}});
   EXPECT_TRUE(fs::is_empty(tmp.path()));
   EXPECT_EQ(result.exitCode, problems.empty() ? 0 : 1) << result.err;
   const std::string heading = "tarn-hollow-publish: " + url + "/stable/linux does not serve a";
@@ -107,57 +117,52 @@ std::string expectVerify(const std::string& url, const Args& problems, const Arg
 // A plain folder is taken over, unchanged files are hard links, a new player installs from the game
 // package, the engine updates incrementally, a failed release changes nothing, verify checks all.
 TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
-  Studio studio;
+  Studio s;
   // Read back as launchers read it, a file called "size" would be taken for the size field.
-  writeBytes(studio.release / "size", "x");
-  studio.expectRefused(runProcess(studio.args("1.1.0")),
-                       {"the launcher would misread the manifest's files[4].size"});
-  fs::remove(studio.release / "size");
+  writeBytes(s.release / "size", "x");
+  s.expectRefused(runProcess(s.args("1.1.0")),
+                  {"the launcher would misread the manifest's files[4].size"});
+  fs::remove(s.release / "size");
   Release byHand;  // a plain folder, as servers were laid out before
   byHand.files = {{"data/levels/one.dat", std::string(70000, 'L')}};
-  publishRelease(studio.server, byHand);
-  writeBytes(studio.release / "data" / "big.pak", std::string(17u << 20, 'B'));  // shows progress
-  const auto published = runProcess(
-      studio.args("1.1.0", {"--notes", studio.notes, "--mandatory", "--minimum-online-version",
-                            "1.0.5", "--protocol-version", "3"}));
+  publishRelease(s.server, byHand);
+  writeBytes(s.release / "data" / "big.pak", std::string(17u << 20, 'B'));  // shows progress
+  const auto published =
+      runProcess(s.args("1.1.0", {"--notes", s.notes, "--mandatory", "--minimum-online-version",
+                                  "1.0.5", "--protocol-version", "3"}));
   ASSERT_EQ(published.exitCode, 0) << published.err;
-  const fs::path served = channelFolder(studio.server);
+  const fs::path served = channelFolder(s.server);
   EXPECT_EQ(published.out, "published 1.1.0 (stable/linux): 6 files, 17965821 bytes, in " +
                                served.string() +
                                "\n1 unchanged files linked from the previous release\n");
   EXPECT_PRED_FORMAT2(IsSubstring, "hashing: 6/6 files, 17.1 of 17.1 MiB (100%)\n", published.err);
   EXPECT_EQ(fs::hard_link_count(served / "files" / "data" / "levels" / "one.dat"), 2u);
-  NginxServer nginx(studio.server);
+  NginxServer nginx(s.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
   // A new player's first install: the game package, unpacked and started under Xvfb. The package
   // with the development key says so, and is made only by a build with tests.
-  const auto pack = [&](Args more) {
-    more.insert(more.begin(), {TH_CPACK, "--config", TH_BINARY_DIR "/CPackConfig.cmake", "-B",
-                               studio.scratch.path(), "-D", "CPACK_TH_VARIANT=devkey", "-D",
-                               "CPACK_TH_UPDATE_SERVER_URL=" + nginx.url()});
-    return runProcess(more);
-  };
+  const Args pack({TH_CPACK, "--config", TH_BINARY_DIR "/CPackConfig.cmake", "-B", s.scratch.path(),
+                   "-D", "CPACK_TH_VARIANT=devkey", "-D",
+                   "CPACK_TH_UPDATE_SERVER_URL=" + nginx.url()});
   EXPECT_PRED_FORMAT2(IsSubstring, "the development-key package is for tests only",
-                      pack({"-D", "CPACK_TH_TEST_BUILD=OFF"}).err);
-  const ProcessResult packed = pack({});
+                      runProcess(pack + Args{"-D", "CPACK_TH_TEST_BUILD=OFF"}).err);
+  const ProcessResult packed = runProcess(pack);
   ASSERT_EQ(packed.exitCode, 0) << packed.out << packed.err;
-  const fs::path game = studio.scratch / "tarn-hollow-DEVELOPMENT-KEY-linux-x86_64";
-  const Args unpack{"/usr/bin/tar", "-xzf", game.string() + ".tar.gz", "-C", studio.scratch.path()};
+  const fs::path game = s.scratch / "tarn-hollow-DEVELOPMENT-KEY-linux-x86_64";
+  const Args unpack{"/usr/bin/tar", "-xzf", game.string() + ".tar.gz", "-C", s.scratch.path()};
   ASSERT_EQ(runProcess(unpack).exitCode, 0);
   EXPECT_TRUE(fs::is_regular_file(game / "tarn-hollow-update-helper") &&
               fs::is_regular_file(game / "tarn-hollow.desktop"));
-  update::Updater updater(game);
-  updater.server = nginx.url();
-  update::UpdatePlan plan;
+  // The fields as launchers read them.
+  update::Manifest got;
   std::string error;
-  ASSERT_TRUE(updater.check("stable", plan, error)) << error;
-  const auto& got = plan.manifest;
+  ASSERT_TRUE(update::parseManifest(readBytes(served / "manifest.json"), got, error)) << error;
   EXPECT_EQ(
       std::tie(got.releaseNotes, got.mandatory, got.minimumOnlineVersion, got.protocolVersion),
       std::make_tuple(kNotes, true, "1.0.5", 3));
   XvfbDisplay display;
   ChildProcess launcher({game / "tarn-hollow-launcher"},
-                        display.optionsFor({{{"XDG_DATA_HOME", studio.scratch / "xdg"}}, {}}));
+                        display.optionsFor({{{"XDG_DATA_HOME", s.scratch / "xdg"}}, {}}));
   const auto ready = [&] {
     const auto window = display.waitForWindow("Tarn Hollow Launcher", 2s, launcher.pid());
     const auto shot = window ? display.screenshot(*window) : std::nullopt;
@@ -167,40 +172,37 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
   for (const char* path : {"data/big.pak", "data/empty.flag", "data/levels/one.dat",
                            "data/linked.dat", kOddName, "tarn-hollow"}) {
     EXPECT_TRUE(fs::is_regular_file(game / path) &&
-                readBytes(game / path) == readBytes(studio.release / path))
+                readBytes(game / path) == readBytes(s.release / path))
         << path;
   }
   EXPECT_EQ(fileMode(game / "tarn-hollow"), 0755u);
   EXPECT_EQ(readBytes(game / "data" / "game_version"), "1.1.0\n");
 
-  writeBytes(studio.release / "tarn-hollow", "#!/bin/sh\necho game 1.2.0\n");
-  fs::permissions(studio.release / "tarn-hollow", fs::perms(0644));
-  ASSERT_EQ(runProcess(studio.args("1.2.0")).exitCode, 0);
-  ASSERT_TRUE(updater.check("stable", plan, error)) << error;
-  ASSERT_EQ(plan.files.size(), 1u);
-  EXPECT_TRUE(plan.files[0].path == "tarn-hollow" && !plan.files[0].executable);
-  ASSERT_TRUE(updater.apply(plan, {}, error, nullptr)) << error;
-  EXPECT_EQ(readBytes(game / "data" / "game_version"), "1.2.0\n");
+  writeBytes(s.release / "tarn-hollow", "#!/bin/sh\necho game 1.2.0\n");
+  fs::permissions(s.release / "tarn-hollow", fs::perms(0644));
+  ASSERT_EQ(runProcess(s.args("1.2.0")).exitCode, 0);
+  EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, game, nginx.url()}).out, "1.2.0\n");
+  EXPECT_EQ(fileMode(game / "tarn-hollow"), 0644u);
 
   // Copying the changed file fails half-way (the file size limit stands in for a full disk).
-  writeBytes(studio.release / "data" / "big.pak", std::string(17u << 20, 'C'));
-  const FolderSnapshot before = snapshotFolder(studio.server);
+  writeBytes(s.release / "data" / "big.pak", std::string(17u << 20, 'C'));
+  const FolderSnapshot before = snapshotFolder(s.server);
   const Args fileLimit{"/bin/sh", "-c", "ulimit -f 256; trap '' XFSZ; exec \"$@\"", "sh"};
   EXPECT_PRED_FORMAT2(IsSubstring, "\n  data/big.pak: cannot be copied: ",
-                      runProcess(studio.args("1.3.0", {}, TH_DEV_PRIVATE_KEY, fileLimit)).err);
-  EXPECT_EQ(snapshotDiff(before, snapshotFolder(studio.server)), "");
+                      runProcess(s.args("1.3.0", {}, TH_DEV_PRIVATE_KEY, fileLimit)).err);
+  EXPECT_EQ(snapshotDiff(before, snapshotFolder(s.server)), "");
 
   // verify passes what is served, then names each bad file, a foreign signature and no server.
   expectVerify(nginx.url(), {});
   std::string bad = readBytes(served / "manifest.json");
   bad.replace(bad.find("\"size\": 0,"), 10, "\"size\": 2,");  // data/empty.flag's
-  publishRawManifest(studio.server, bad, signHex(bad));
+  publishRawManifest(s.server, bad, signHex(bad));
   writeBytes(served / "files" / "data" / "levels" / "one.dat", std::string(70000, 'M'));
   fs::remove(served / "files" / "tarn-hollow");
   expectVerify(nginx.url(), {"data/empty.flag: 0 bytes, the manifest says 2",
                              "data/levels/one.dat: SHA-256 " + sha256Hex(std::string(70000, 'M')),
                              "tarn-hollow: cannot be downloaded: HTTP response code said error"});
-  publishRawManifest(studio.server, bad, signHex(bad, TH_DEV_RSA_PRIVATE_KEY));
+  publishRawManifest(s.server, bad, signHex(bad, TH_DEV_RSA_PRIVATE_KEY));
   expectVerify(nginx.url(), {"the manifest is refused: manifest_signature_verify_failed"});
   expectVerify("http://127.0.0.1:1",  // nothing listens on port 1
                {"the manifest cannot be fetched: Couldn't connect to server"});
@@ -292,29 +294,24 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
 // folder, or gives up with --no-wait; two runs started together both publish whole, one after the
 // other, and pruning spares what a killed run left unfinished.
 TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
-  Studio studio;
-  const fs::path releases = studio.server / "stable" / ".releases" / "linux";
+  Studio s;
+  const fs::path releases = s.server / "stable" / ".releases" / "linux";
   fs::create_directories(releases / "000001-0.9.0" / "files");  // killed before its manifest
   // The development key, encrypted; its passphrase is never shown.
-  const fs::path key = studio.scratch / "key.pem", passphrase = studio.scratch / "passphrase";
+  const fs::path key = s.scratch / "key.pem", passphrase = s.scratch / "passphrase";
   writeBytes(passphrase, "correct horse\n");
   runProcess({"/usr/bin/openssl", "pkcs8", "-topk8", "-v2", "aes-256-cbc", "-in",
               TH_DEV_PRIVATE_KEY, "-out", key, "-passout", "file:" + passphrase.string()});
-  const ProcessResult first =
-      runProcess(studio.args("1.0.0", {"--passphrase-file", passphrase}, key));
+  const ProcessResult first = runProcess(s.args("1.0.0", {"--passphrase-file", passphrase}, key));
   ASSERT_EQ(first.exitCode, 0) << first.err;
   EXPECT_EQ((first.out + first.err).find("correct horse"), std::string::npos);
   const update::FileDescriptor held(open(releases.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_EQ(flock(held.get(), LOCK_EX), 0);
-  expectReport(runProcess(studio.args("1.1.0", {"--no-wait"})).err, kRefused,
+  expectReport(runProcess(s.args("1.1.0", {"--no-wait"})).err, kRefused,
                {releases.string() + ": another release of stable/linux is being published"});
   std::vector<std::unique_ptr<ChildProcess>> runs;
-  for (const char* version : {"1.1.0", "1.2.0"}) {
-    studio.release = studio.scratch / version;
-    writeBytes(studio.release / "tarn-hollow", version);
-    writeBytes(studio.release / "data" / "level.pak", std::string(4 << 20, version[2]));
-    runs.push_back(std::make_unique<ChildProcess>(studio.args(version, {"--keep", "2"})));
-  }
+  for (const char* version : {"1.1.0", "1.2.0"})
+    runs.push_back(std::make_unique<ChildProcess>(s.next(version, {"--keep", "2"})));
   const std::string waiting = "waiting for another release of stable/linux to finish\n";
   for (const auto& run : runs)
     EXPECT_TRUE(waitUntil([&] { return run->err().find(waiting) != std::string::npos; }, 10s));
@@ -322,22 +319,22 @@ TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
   for (const auto& run : runs) EXPECT_EQ(run->wait(60s), 0) << run->err();
   // Both are whole: verify passes on the one served last and, linked back in, the one before. The
   // server is set up naively: a cache could keep every response for an hour, which verify names.
-  NginxServer nginx(studio.server, "expires 1h;");
+  NginxServer nginx(s.server, "expires 1h;");
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
   const std::string stale = "\"Cache-Control: max-age=3600\" lets a shared cache serve it stale";
   EXPECT_PRED_FORMAT2(IsSubstring, "tarn-hollow-publish: warning: manifest.sig: " + stale,
                       expectVerify(nginx.url(), {}));
   expectVerify(nginx.url(),
                {"manifest.json: " + stale, "manifest.sig: " + stale, "data/level.pak: " + stale,
-                "tarn-hollow: " + stale},
+                "data/world.pak: " + stale, "tarn-hollow: " + stale},
                {"--strict"});
   std::set<std::string> names;
   for (const auto& entry : fs::directory_iterator(releases)) names.insert(entry.path().filename());
   ASSERT_EQ(names.size(), 3u);  // 1.0.0 pruned (--keep 2), the unfinished one kept
   EXPECT_EQ(*names.begin(), "000001-0.9.0");
   fs::create_symlink(".releases/linux/" + *std::next(names.begin()),
-                     studio.server / "stable" / "linux.new");
-  fs::rename(studio.server / "stable" / "linux.new", channelFolder(studio.server));
+                     s.server / "stable" / "linux.new");
+  fs::rename(s.server / "stable" / "linux.new", channelFolder(s.server));
   expectVerify(nginx.url(), {});
 }
 
@@ -377,20 +374,11 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
 // by default) and the next release goes live among them. A file's URL is the same in every
 // release, so an edge serving entries on their age would keep players on the old bytes.
 TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
-  Studio studio;
+  Studio s;
   const char* const kFiles[] = {"tarn-hollow", "data/world.pak", "data/level.pak"};
-  // A game file naming the release, a large file both releases share, and a level of its own of
-  // the same size (only its bytes tell the releases apart).
-  const auto releaseArgs = [&](const std::string& version) {
-    studio.release = studio.scratch / version;
-    writeBytes(studio.release / kFiles[0], "#!/bin/sh\necho " + version + "\n");
-    writeBytes(studio.release / kFiles[1], std::string(3 << 20, 'w'));
-    writeBytes(studio.release / kFiles[2], std::string(1 << 20, version[2]));
-    return studio.args(version);
-  };
-  ASSERT_EQ(runProcess(releaseArgs("1.0.0")).exitCode, 0);
-  NginxServer origin(studio.server, "limit_rate 8m; include " TH_SOURCE_DIR
-                                    "/packaging/server/tarn-hollow-updates.nginx.conf;");
+  ASSERT_EQ(runProcess(s.next("1.0.0")).exitCode, 0);
+  NginxServer origin(s.server, "limit_rate 8m; include " TH_SOURCE_DIR
+                               "/packaging/server/tarn-hollow-updates.nginx.conf;");
   ASSERT_TRUE(origin.ok()) << origin.errorLog();
   VarnishEdge edge(TH_SOURCE_DIR "/packaging/server/tarn-hollow-updates.vcl", origin.port());
   ASSERT_TRUE(edge.ok()) << edge.log();
@@ -399,7 +387,7 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
   std::atomic<int> samples = 0, mismatches = 0;
   std::thread sampler([&] {
     for (std::string error; publishing; ++samples) {
-      const fs::path folder = fs::canonical(channelFolder(studio.server));
+      const fs::path folder = fs::canonical(channelFolder(s.server));
       mismatches += !update::verifySignedManifest(readBytes(folder / "manifest.json"),
                                                   readBytes(folder / "manifest.sig"),
                                                   TH_DEV_PUBLIC_KEY, error);
@@ -407,11 +395,11 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
   });
   const char* const count = std::getenv("TH_RELEASE_DAY_PLAYERS");
   const int playerCount = count != nullptr ? std::atoi(count) : 20;
-  const auto install = [&](int i) { return studio.scratch / ("player" + std::to_string(i)); };
+  const auto install = [&](int i) { return s.scratch / ("player" + std::to_string(i)); };
   const auto player = [&](int i) { return Args{TH_UPDATE_CLIENT, install(i), edge.url()}; };
   const auto holds = [&](int i, const std::string& version) {
     return std::all_of(std::begin(kFiles), std::end(kFiles), [&](const char* file) {
-      return readBytes(install(i) / file) == readBytes(studio.scratch / version / file);
+      return readBytes(install(i) / file) == readBytes(s.scratch / version / file);
     });
   };
   std::vector<std::unique_ptr<ChildProcess>> players;
@@ -419,7 +407,7 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
   for (int i = 0; i < playerCount; ++i) {
     prepareInstall(install(i), edge.url());
     players.push_back(std::make_unique<ChildProcess>(player(i)));
-    if (i == playerCount / 2) publisher = std::make_unique<ChildProcess>(releaseArgs("1.1.0"));
+    if (i == playerCount / 2) publisher = std::make_unique<ChildProcess>(s.next("1.1.0"));
     std::this_thread::sleep_for(2000ms / playerCount);
   }
   EXPECT_EQ(publisher->wait(120s), 0) << publisher->err();
