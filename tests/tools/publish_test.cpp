@@ -207,9 +207,8 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   for (const char* name :
        {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
         "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme", ".tarnhollow-update",
-        "100%.txt", "data/update_server.txt", "save", "esc\x1b[2Jape"}) {
+        "100%.txt", "data/update_server.txt", "save", "esc\x1b[2Jape"})
     writeBytes(s.release / name, "x");
-  }
   fs::create_symlink("../../notes", s.release / "data" / "up");
   fs::create_symlink("levels", s.release / "data" / "folder");
   fs::create_symlink("missing", s.release / "broken");
@@ -416,9 +415,7 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
         said == "manifest_signature_verify_failed" || said.starts_with("download_hash_mismatch:");
     // Untouched: data/ and its two files, as prepared.
     EXPECT_TRUE(failed ? installSnapshot(install(i)).size() == 3 : holds(i, said)) << said;
-    if (said != "1.1.0") {
-      EXPECT_EQ(runProcess(player(i)).out, "1.1.0\n") << said;
-    }
+    EXPECT_TRUE(said == "1.1.0" || runProcess(player(i)).out == "1.1.0\n") << said;
     EXPECT_TRUE(holds(i, "1.1.0")) << said;
   }
   EXPECT_EQ(mismatches, 0);
