@@ -214,8 +214,4 @@ VarnishEdge::VarnishEdge(const std::filesystem::path& vcl, int originPort) {
   });
 }
 
-std::string VarnishEdge::url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
-std::string VarnishEdge::log() const { return log_; }
-
 }  // namespace th::test

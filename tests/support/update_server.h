@@ -106,12 +106,10 @@ class NginxServer {
 class VarnishEdge {
  public:
   VarnishEdge(const std::filesystem::path& vcl, int originPort);
-  VarnishEdge(const VarnishEdge&) = delete;
-  VarnishEdge& operator=(const VarnishEdge&) = delete;
 
   bool ok() const { return process_ != nullptr; }  // false: see log()
-  std::string url() const;                         // "http://127.0.0.1:PORT"
-  std::string log() const;                         // what varnishd printed
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::string log() const { return log_; }  // what varnishd printed
 
  private:
   TempDir dir_;
