@@ -25,8 +25,7 @@ void checkManifest(const std::string& text) {
     assert(out.version == "previous" && out.files.empty() && out.product.empty());
     return;
   }
-  assert(error == "previous");
-  assert(out.format == 1 && out.product == gameBinaryName());
+  assert(error == "previous" && out.format == 1 && out.product == gameBinaryName());
   assert(!out.version.empty() && !out.platform.empty() && !out.files.empty());
   for (const auto& file : out.files)
     assert(safeRelativePath(file.path) && file.sha256.size() == 64);
@@ -48,8 +47,7 @@ void checkPath(const std::string& path) {
 
 void checkVersions(const std::string& a, const std::string& b) {
   const int forward = compareVersion(a, b);
-  assert(forward == -1 || forward == 0 || forward == 1);
-  assert(forward == -compareVersion(b, a));
+  assert((forward == -1 || forward == 0 || forward == 1) && forward == -compareVersion(b, a));
   assert(compareVersion(a, a) == 0 && compareVersion(b, b) == 0);
   assert(compareVersion(a + "-rc", b) == forward);  // a suffix after the numbers never matters
 }

@@ -1,14 +1,9 @@
-// Power cuts on real ext4, xfs and btrfs. A launcher start (the engine, then the update helper) or
-// a publish runs on a file system image mounted through a loop device and is SIGKILLed by strace
-// at a chosen system call. At once the image is copied as the block device holds it, which keeps
-// only what the file system has written out, and the copy is mounted on a second loop device,
-// where the file system's own recovery runs. The copy shows the power cut, the original the kill.
-#include <fcntl.h>
+// Power cuts on real ext4, xfs and btrfs: a launcher start (the engine, then the update helper) or
+// a publish on a loop-mounted image is SIGKILLed by strace at a chosen system call. The image,
+// copied at once as the block device holds it, is mounted on a second loop device, where the file
+// system's own recovery runs: the copy shows the power cut, the original the kill.
 #include <gtest/gtest.h>
-#include <linux/loop.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <functional>
@@ -40,10 +35,9 @@ const FileSystem kFileSystems[] = {
     {"btrfs", {"/usr/sbin/mkfs.btrfs", "-q", "-f"}, "commit=600", ""}};
 void PrintTo(const FileSystem& type, std::ostream* out) { *out << type.name; }
 
-// An image that `steps` make (each given its path last) in a folder of its own, in memory where
-// it can be so that flushes cost nothing, on a loop device of its own and mounted. All is undone
-// at scope end: the mount lazily while a relaunched launcher may still run from it, the loop
-// device then by the kernel.
+// An image that `steps` make (each given its path last), in memory where it can be so that flushes
+// cost nothing, on a loop device of its own and mounted. Undone at scope end: the mount lazily
+// while a relaunched launcher may still run from it, the loop device then by the kernel.
 class MountedImage {
  public:
   MountedImage(std::vector<std::vector<std::string>> steps, const std::string& type,
@@ -56,22 +50,15 @@ class MountedImage {
       if (problem_.empty() && done.exitCode != 0) problem_ = step[0] + ": " + done.err;
       device_ = done.out.substr(0, done.out.find('\n'));  // the last is losetup's answer
     }
-    std::error_code ignored;
-    fs::create_directories(root(), ignored);
+    fs::create_directories(root());
     if (problem_.empty() &&
         ::mount(device_.c_str(), root().c_str(), type.c_str(), 0, options.c_str()) != 0)
       problem_ = "mount -t " + type + " -o '" + options + "': " + strerror(errno);
-    mounted_ = problem_.empty();
   }
   ~MountedImage() {
-    if (mounted_ && ::umount2(root().c_str(), 0) != 0) ::umount2(root().c_str(), MNT_DETACH);
-    const int device = ::open(device_.c_str(), O_RDONLY | O_CLOEXEC);
-    if (device < 0) return;
-    ::ioctl(device, LOOP_CLR_FD, 0);
-    ::close(device);
+    if (::umount2(root().c_str(), 0) != 0) ::umount2(root().c_str(), MNT_DETACH);
+    if (!device_.empty()) runProcess({"/usr/sbin/losetup", "--detach", device_});
   }
-  MountedImage(const MountedImage&) = delete;
-  MountedImage& operator=(const MountedImage&) = delete;
 
   fs::path image() const { return dir_ / "image"; }
   fs::path root() const { return dir_ / "mnt"; }
@@ -80,7 +67,6 @@ class MountedImage {
  private:
   TempDir dir_{fs::is_directory("/dev/shm") ? "/dev/shm" : ""};
   std::string device_, problem_;
-  bool mounted_ = false;
 };
 
 // A call as strace's `when` counts them, the n-th (from 1) of its name; chosen when it changes
@@ -104,40 +90,11 @@ int runTraced(const std::string& output, const std::string& expression,
   return runProcess(argv, {{{"ASAN_OPTIONS", noLeaks}}, {}}).exitCode;
 }
 
-// Every call of one whole run of `argv` (its threads and children aside), in order.
-std::vector<Call> callsOf(const std::vector<std::string>& argv) {
-  TempDir trace;
-  EXPECT_EQ(runTraced((trace / "calls").string(), "trace=all", argv), 0);
-  std::vector<Call> calls;
-  std::map<std::string, int> seen;
-  std::istringstream lines(readBytes(trace / "calls"));
-  for (std::string line; std::getline(lines, line);) {
-    const std::string name = line.substr(0, line.find('('));
-    if (name.find(' ') == std::string::npos)  // not a signal or the exit
-      calls.push_back({name, ++seen[name], std::regex_search(line, kChange)});
-  }
-  return calls;
-}
-
-// The chosen calls, TH_POWER_CUT_RANDOM (default 2) others picked at random, and the end: what a
-// program has flushed must be on disk when it is done.
-std::vector<Call> cutPoints(const std::vector<Call>& calls, unsigned seed) {
-  const char* wanted = std::getenv("TH_POWER_CUT_RANDOM");
-  std::vector<Call> others, cuts;
-  for (const Call& call : calls) (call.chosen ? cuts : others).push_back(call);
-  std::shuffle(others.begin(), others.end(), std::mt19937(seed));
-  others.resize(std::min<size_t>(others.size(), wanted ? std::stoul(wanted) : 2));
-  cuts.insert(cuts.end(), others.begin(), others.end());
-  cuts.push_back({"done", 0, true});
-  return cuts;
-}
-
 // What is wrong with a place after a cut, "" when nothing; `shows` tells what the place shows.
 using Judge = std::function<std::string(const fs::path& place, std::string& shows)>;
 
-// Each cut point of `program` on a place that `prepare` laid out on a fresh file system (the
-// least xfs takes): the image a power cut leaves, recovered, and then the place a kill leaves,
-// judged. Prints what was seen.
+// Each cut point of `program` on a place that `prepare` laid out on a fresh file system (the least
+// xfs takes): the image a power cut leaves, recovered, then the place a kill leaves, judged.
 std::vector<Call> sweep(const FileSystem& type, const std::string& what,
                         const std::function<void(const fs::path&)>& prepare,
                         const std::function<std::vector<std::string>(const fs::path&)>& program,
@@ -147,12 +104,31 @@ std::vector<Call> sweep(const FileSystem& type, const std::string& what,
                           type.options);
   EXPECT_EQ(disk.problem(), "");
   if (!disk.problem().empty()) return {};
+  // Every call of one whole run (its threads and children aside), in order.
   prepare(disk.root() / "whole");
-  const std::vector<Call> calls = callsOf(program(disk.root() / "whole"));
+  const TempDir trace;
+  EXPECT_EQ(runTraced((trace / "calls").string(), "trace=all", program(disk.root() / "whole")), 0);
+  std::vector<Call> calls;
+  std::map<std::string, int> seen;
+  std::istringstream lines(readBytes(trace / "calls"));
+  for (std::string line; std::getline(lines, line);) {
+    const std::string name = line.substr(0, line.find('('));
+    if (name.find(' ') == std::string::npos)  // not a signal or the exit
+      calls.push_back({name, ++seen[name], std::regex_search(line, kChange)});
+  }
+  // The chosen calls, TH_POWER_CUT_RANDOM (default 2) others picked at random, and the end: what a
+  // program has flushed must be on disk when it is done.
   const unsigned seed = std::random_device()();
+  const char* wanted = std::getenv("TH_POWER_CUT_RANDOM");
+  std::vector<Call> others, cuts;
+  for (const Call& call : calls) (call.chosen ? cuts : others).push_back(call);
+  std::shuffle(others.begin(), others.end(), std::mt19937(seed));
+  others.resize(std::min<size_t>(others.size(), wanted ? std::stoul(wanted) : 2));
+  cuts.insert(cuts.end(), others.begin(), others.end());
+  cuts.push_back({"done", 0, true});
   std::map<std::string, int> shown;
-  int cuts = 0, good = 0;
-  for (const Call& cut : cutPoints(calls, seed)) {
+  int good = 0;
+  for (const Call& cut : cuts) {
     const std::string call =
         cut.nth == 0 ? cut.name : cut.name + ":signal=KILL:when=" + std::to_string(cut.nth);
     SCOPED_TRACE(type.name + " " + what + ", " + call + ", seed " + std::to_string(seed));
@@ -162,20 +138,17 @@ std::vector<Call> sweep(const FileSystem& type, const std::string& what,
     const int exitCode =
         runTraced("/dev/null", cut.nth ? "inject=" + call : "trace=none", program(place));
     EXPECT_TRUE(cut.nth ? exitCode == -1 || !cut.chosen : exitCode == 0);
-    std::string shows, killedShows, problems;
-    {
-      const MountedImage cutDisk({{"/usr/bin/cp", "--sparse=always", disk.image().string()}},
-                                 type.name, type.copyOptions);
-      problems =
-          cutDisk.problem().empty() ? judge(cutDisk.root() / call, shows) : cutDisk.problem();
-      EXPECT_EQ(problems, "") << "after the power cut";
-    }
+    std::string shows, killedShows;
+    const MountedImage cutDisk({{"/usr/bin/cp", "--sparse=always", disk.image().string()}},
+                               type.name, type.copyOptions);
+    const std::string problems =
+        cutDisk.problem().empty() ? judge(cutDisk.root() / call, shows) : cutDisk.problem();
+    EXPECT_EQ(problems, "") << "after the power cut";
     EXPECT_EQ(judge(place, killedShows), "") << "after the kill";
     ++shown[shows];
     good += problems.empty();
-    ++cuts;
   }
-  std::cout << "power cuts, " << type.name << ", " << what << ": " << good << " of " << cuts
+  std::cout << "power cuts, " << type.name << ", " << what << ": " << good << " of " << cuts.size()
             << " images good, in "
             << std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count()
             << " s; the images show:";
@@ -283,17 +256,15 @@ std::string servedProblems(const fs::path& serverRoot, std::string& version) {
     return "served: " + error + "\n";
   version = "release " + manifest.version;
   std::string problems;
-  for (const update::ManifestFile& file : manifest.files) {
+  for (const update::ManifestFile& file : manifest.files)
     if (sha256Hex(readBytes(served / "files" / file.path)) != file.sha256)
       problems += file.path + " is not as its manifest says\n";
-  }
   return problems;
 }
 
 TEST_P(PowerCut, APublishCutAnywhereServesTheOldReleaseOrTheNewOneWhole) {
   TempDir studio;
-  writeFiles(studio / "1.0.0", "1.0.0");
-  writeFiles(studio / "2.0.0", "2.0.0");
+  for (const char* version : {"1.0.0", "2.0.0"}) writeFiles(studio / version, version);
   const auto publish = [&](const std::string& version, const fs::path& serverRoot) {
     return std::vector<std::string>{TH_PUBLISH_DEVKEY, "release",
                                     "--from",          (studio / version).string(),

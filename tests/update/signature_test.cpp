@@ -17,36 +17,30 @@ const std::string kManifest = "{\r\n  \"format\": 1,\n  \"version\": \"1.4.2\"\n
 TEST(TH_SIGNATURE_SUITE, VerifiesOrRejectsWithTheRightCode) {
   TempDir dir;
   const std::string signature = signHex(kManifest, TH_SIGNING_PRIVATE_KEY);
-  ASSERT_FALSE(signature.empty());
-  writeBytes(dir / "key.pem", readBytes(TH_SIGNING_PUBLIC_KEY));
-  writeBytes(dir / "key-with-newline.pem", readBytes(TH_SIGNING_PUBLIC_KEY) + "\n");
+  const std::filesystem::path key = TH_SIGNING_PUBLIC_KEY, keyWithNewline = dir / "key.pem";
+  writeBytes(keyWithNewline, readBytes(key) + "\n");
   std::string upper = signature, flipped = kManifest;
   for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   flipped[5] ^= 0x01;
 
   const struct {
-    const char* name;
-    std::string manifest;
-    std::string signature;
-    const char* keyFile;
-    const char* error;  // empty: accepted
+    std::string name, manifest, signature;
+    std::filesystem::path key;
+    std::string error;  // empty: accepted
   } table[] = {
-      {"valid", kManifest, signature, "key.pem", ""},
-      {"upper-case hex", kManifest, upper, "key.pem", ""},
-      {"odd length", kManifest, signature.substr(1), "key.pem", "manifest_signature_invalid_hex"},
-      {"trailing newline", kManifest, signature + "\n", "key.pem",
-       "manifest_signature_invalid_hex"},
-      {"one manifest byte flipped", flipped, signature, "key.pem",
-       "manifest_signature_verify_failed"},
-      {"key file with a newline added", kManifest, "zz", "key-with-newline.pem",
+      {"valid", kManifest, signature, key, ""},
+      {"upper-case hex", kManifest, upper, key, ""},
+      {"odd length", kManifest, signature.substr(1), key, "manifest_signature_invalid_hex"},
+      {"trailing newline", kManifest, signature + "\n", key, "manifest_signature_invalid_hex"},
+      {"one manifest byte flipped", flipped, signature, key, "manifest_signature_verify_failed"},
+      {"key file with a newline added", kManifest, "zz", keyWithNewline,
        "update_public_key_fingerprint_mismatch"},
-      {"missing key", kManifest, "zz", "missing.pem", "update_public_key_missing"},
+      {"missing key", kManifest, "zz", dir / "missing.pem", "update_public_key_missing"},
   };
   for (const auto& row : table) {
     std::string error = "untouched";
-    const bool accepted =
-        verifySignedManifest(row.manifest, row.signature, dir / row.keyFile, error);
-    EXPECT_EQ(accepted, std::string(row.error).empty()) << row.name;
+    const bool accepted = verifySignedManifest(row.manifest, row.signature, row.key, error);
+    EXPECT_EQ(accepted, row.error.empty()) << row.name;
     EXPECT_EQ(error, accepted ? "untouched" : row.error) << row.name;
   }
 }
