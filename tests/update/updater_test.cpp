@@ -76,12 +76,13 @@ class Updater : public ::testing::Test {
 using Http = Updater;
 
 // Only certificates that the system's CA bundle (here the test CA's alone) vouches for are
-// trusted: one from another CA or for another host name is refused before any request.
-// Redirects are followed from http to https, never to a local file.
+// trusted: one from another CA, an expired one or one for another host name is refused before any
+// request. Redirects are followed from http to https, never to a local file.
 TEST_F(Http, GetFollowsRedirectsOnTheWebTrustsOnlyValidCertificatesAndReportsLibcurlTexts) {
   const std::string hello = "hello from nginx\n",
                     refused = curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION);
-  NginxServer untrusted(www.path(), "", tls.untrusted), otherHost(www.path(), "", tls.otherHost),
+  NginxServer untrusted(www.path(), "", tls.untrusted), expired(www.path(), "", tls.expired),
+      otherHost(www.path(), "", tls.otherHost),
       redirects(www.path(), "location = /https { return 301 " + nginx.url() + "/hello.txt; }\n" +
                                 "location = /file { return 302 file://" + www.path().string() +
                                 "/hello.txt; }\n");
@@ -93,6 +94,7 @@ TEST_F(Http, GetFollowsRedirectsOnTheWebTrustsOnlyValidCertificatesAndReportsLib
       {nginx.url() + "/hop/x/x/x/x", hello},
       {nginx.url() + "/hop/x/x/x/x/x", curl_easy_strerror(CURLE_TOO_MANY_REDIRECTS)},
       {untrusted.url() + "/hello.txt", refused},
+      {expired.url() + "/hello.txt", refused},
       {otherHost.url() + "/hello.txt", refused},
       {redirects.url() + "/https", hello},
       {redirects.url() + "/file", curl_easy_strerror(CURLE_UNSUPPORTED_PROTOCOL)},
@@ -103,7 +105,7 @@ TEST_F(Http, GetFollowsRedirectsOnTheWebTrustsOnlyValidCertificatesAndReportsLib
   }
   EXPECT_NE(nginx.accessLog(8).find("GET /hello.txt 200 \"TarnHollowLauncher/1.0.3\""),
             std::string::npos);
-  EXPECT_EQ(untrusted.accessLog() + otherHost.accessLog(), "");
+  EXPECT_EQ(untrusted.accessLog() + expired.accessLog() + otherHost.accessLog(), "");
 }
 
 TEST_F(Http, DownloadCreatesFoldersReportsProgressAndLeavesNoFileOnFailure) {
