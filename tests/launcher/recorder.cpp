@@ -1,8 +1,6 @@
-// Stands in for the game: records how it was started (process ID, working directory, every
-// argument) and what it inherited (nice value, open descriptors, blocked and ignored signals)
-// into the file named by TH_RECORD_FILE, one item per line. With "--exec-unclean PROGRAM..." it
-// starts PROGRAM instead, at nice +3, with SIGUSR1 blocked, SIGUSR2 ignored and a descriptor
-// open: a parent that leaves its children more than a shell would.
+// Stands in for the game: records its start and what it inherited into TH_RECORD_FILE. With
+// "--exec-unclean PROGRAM..." it starts PROGRAM as a careless parent would: nice +3, SIGUSR1
+// blocked, SIGUSR2 ignored, a descriptor open.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>

@@ -1,7 +1,6 @@
 #pragma once
-// Reading the launcher's screen: frames rendered off-screen with SDL's software renderer, and
-// checks of debug-font text at a known place, size and colour in any image (off-screen frames or
-// screenshots of the real window).
+// Reading the launcher's screen: off-screen frames from SDL's software renderer, and checks of
+// debug-font text at a known place, size and colour in any image (frames or screenshots).
 
 #include <SDL3/SDL.h>
 
@@ -27,9 +26,8 @@ constexpr Rgb kSmallLabel{225, 235, 232};
 // Draws into a fresh 1040x640 software-rendered surface and returns its pixels.
 Image renderOffscreen(const std::function<void(SDL_Renderer*)>& draw);
 
-// True when `image` shows exactly `text` at (x, y) and `scale` in `colour`: every pixel the
-// font lights is that colour, every other pixel of the text's cells and of the cell after it
-// is not.
+// True when `image` shows exactly `text` at (x, y) and `scale` in `colour`: the font's pixels in
+// that colour, no other pixel of the text's cells and the cell after it.
 bool showsText(const Image& image, float x, float y, const std::string& text, float scale,
                Rgb colour);
 

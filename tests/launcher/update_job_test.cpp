@@ -1,5 +1,5 @@
-// The update job, run to its end against a real nginx, and the worker's writes against the UI's
-// snapshots of the one shared record; scripts/test runs these under ThreadSanitizer too.
+// The update job against a real nginx, and the worker's writes against the UI's snapshots of the
+// shared record (also under ThreadSanitizer).
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -45,8 +45,8 @@ TEST(LauncherConcurrency, OnlyOneJobRunsAtATime) {
   EXPECT_EQ(snap.detail, "update_server_not_configured // ONLINE LOGIN STILL REQUIRED");
 }
 
-// Each row serves one release of "data/world.pak", runs the whole job on this thread as
-// beginUpdateJob would, and compares the record it leaves and what it changed in the install.
+// Each row serves one release of "data/world.pak", runs the job here as beginUpdateJob would, and
+// compares the record and the install it leaves.
 TEST(UpdateJob, EndsInThePhaseTheReleaseAndTheInstallCallFor) {
   const struct {
     std::string name, version, minimum, marker;

@@ -1,6 +1,5 @@
-// The real launcher, as a player meets it: a copy of the development-key launcher in a scratch
-// install, a real nginx serving a signed release, the window under Xvfb read from screenshots and
-// driven with xdotool. The recorder program stands in for the game.
+// The real launcher as a player meets it: a scratch install, a real nginx, the window under Xvfb
+// read from screenshots and driven with xdotool; the recorder program stands in for the game.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -46,8 +45,7 @@ class Launcher : public ::testing::Test {
     return display.optionsFor(options);
   }
 
-  // Started by a parent that leaves more to its children than a shell: the recorder's
-  // "--exec-unclean" sets nice +3, blocks a signal, ignores one and leaves a descriptor open.
+  // Through a careless parent (the recorder's "--exec-unclean").
   void start() {
     ASSERT_TRUE(display.ok());
     launcher = std::make_unique<ChildProcess>(
@@ -57,9 +55,8 @@ class Launcher : public ::testing::Test {
     window = *found;
   }
 
-  // Polls screenshots until one shows the status line in its colour (and `also` holds); that
-  // one is kept in `screen`. SDL may replace the window it first maps while it sets up the
-  // renderer, so the launcher's visible window is looked up again before each screenshot.
+  // Polls screenshots (kept in `screen`) until the status line shows in its colour and `also`
+  // holds; the window is looked up each time, as SDL may replace the one it first maps.
   bool waitForStatus(const std::string& status, Rgb colour,
                      const std::function<bool(const Image&)>& also = {}) {
     return waitUntil(
@@ -74,8 +71,7 @@ class Launcher : public ::testing::Test {
         90s);
   }
 
-  // What the recorder must find when started, however indirectly, by that launcher: its nice
-  // value and standard streams, nothing else open, no signal blocked or ignored.
+  // What a program started by that launcher, however indirectly, must inherit: no more.
   std::string cleanStartAfter() const {
     std::string expected = "nice=" + std::to_string(getpriority(PRIO_PROCESS, launcher->pid()));
     for (const char* fd : {"0", "1", "2"}) {
@@ -96,8 +92,7 @@ class Launcher : public ::testing::Test {
   Image screen;
 };
 
-// One launcher run: no server, then a mandatory release it installs, then the same release found
-// current, which keeps the game locked.
+// No server, then a mandatory release installed, then found current: the game stays locked.
 TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanly) {
   prepareInstall(root, std::nullopt);
   writeBytes(root / "save" / "profile_v07.sav", "an old save");  // copied once at start
@@ -139,8 +134,7 @@ TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanl
   EXPECT_EQ(launcher->out() + launcher->err(), "");
 }
 
-// Closed at random moments of a check or an apply, the launcher ends with 0 and says nothing; the
-// next start heals whatever the interrupted apply left.
+// Closed at random moments of a job, the launcher ends with 0 silently; the next start heals.
 TEST_F(Launcher, ClosedAnywhereInAJobEndsCleanlyAndTheNextStartHeals) {
   const std::string pack(4 << 20, 'p');
   publishRelease(scratch / "www",
@@ -167,9 +161,8 @@ TEST_F(Launcher, ClosedAnywhereInAJobEndsCleanlyAndTheNextStartHeals) {
   EXPECT_EQ(readBytes(root / "data" / "a.pak") + readBytes(root / "data" / "b.pak"), pack + pack);
 }
 
-// The game is started as a child of its own, in the install folder, with nothing of the
-// launcher's but its nice value and standard streams, and the launcher closes; without video, the
-// launcher ends with 1 and says nothing.
+// The game starts as a child in the install folder, as from a shell, and the launcher closes;
+// without video, the launcher ends with 1 and says nothing.
 TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
   prepareInstall(root, std::nullopt);
   fs::copy_file(TH_RECORDER, root / "tarn-hollow");
@@ -192,10 +185,8 @@ TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
   EXPECT_NE(started.substr(0, started.find('\n')), "pid=" + std::to_string(launcher->pid()));
 }
 
-// The launcher stages its successor, hands it to the real helper and quits; the helper waits for
-// it, swaps the new file in, keeps the old one with the update's backups and starts it; the new
-// launcher checks again, and Return starts the game. Started by a careless parent, the first
-// launcher passes on only its nice value and standard streams: the game starts as from a shell.
+// The launcher hands its staged successor to the real helper and quits; the helper swaps it in,
+// keeps the old one with the backups and starts it; Return there starts the game, as from a shell.
 TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
   const std::string running = readBytes(root / "tarn-hollow-launcher");
   const std::string successor = running + "launcher 1.3.0";  // an ELF loader ignores the tail

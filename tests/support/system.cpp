@@ -111,8 +111,7 @@ std::filesystem::path outputFile(const char* stream) {
          ("th-proc-" + std::to_string(getpid()) + "-" + std::to_string(counter++) + "." + stream);
 }
 
-}  // namespace
-
+// This process's environment with `options.env` applied, as NAME=VALUE texts.
 std::vector<std::string> childEnvironment(const ProcessOptions& options) {
   std::vector<std::string> env;
   for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -125,12 +124,15 @@ std::vector<std::string> childEnvironment(const ProcessOptions& options) {
   return env;
 }
 
+// The null-terminated array that exec wants; valid while `strings` lives unchanged.
 std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> result;
   for (auto& s : strings) result.push_back(s.data());
   result.push_back(nullptr);
   return result;
 }
+
+}  // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const ProcessOptions& options)
     : outPath_(outputFile("out")), errPath_(outputFile("err")) {

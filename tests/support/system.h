@@ -1,6 +1,5 @@
 #pragma once
-// The test's own access to the system, independent of the code under test: scratch folders, file
-// bytes, digests, folder snapshots and child processes.
+// The test's own access to the system, independent of the code under test.
 
 #include <sys/types.h>
 
@@ -15,8 +14,7 @@
 
 namespace th::test {
 
-// A fresh folder under `under` (by default the system's temporary folder), removed with everything
-// in it at scope end.
+// A fresh folder under `under` (default: the temporary folder), removed at scope end.
 class TempDir {
  public:
   explicit TempDir(const std::filesystem::path& under = {});
@@ -52,7 +50,6 @@ FolderSnapshot snapshotFolder(const std::filesystem::path& folder);
 FolderSnapshot installSnapshot(const std::filesystem::path& installDir);
 
 // Empty when equal; otherwise one line per difference ("- path", "+ path", "~ path: a -> b").
-// Use as EXPECT_EQ(snapshotDiff(before, snapshotFolder(dir)), "");
 std::string snapshotDiff(const FolderSnapshot& before, const FolderSnapshot& after);
 
 struct ProcessOptions {
@@ -67,11 +64,6 @@ struct ProcessResult {
   std::string out;
   std::string err;
 };
-
-// This process's environment with `options.env` applied, as NAME=VALUE texts.
-std::vector<std::string> childEnvironment(const ProcessOptions& options);
-// The null-terminated pointer array that exec wants; valid while `strings` lives unchanged.
-std::vector<char*> pointers(std::vector<std::string>& strings);
 
 // The blank-separated words of `text`, for command lines written as one text.
 std::vector<std::string> words(const std::string& text);
@@ -89,8 +81,7 @@ class ChildProcess {
 
   pid_t pid() const { return pid_; }
   bool running();
-  // Waits up to `timeout` for the exit; the exit code, or std::nullopt when still running
-  // (or ended by a signal).
+  // The exit code within `timeout`, or std::nullopt (still running, or ended by a signal).
   std::optional<int> wait(std::chrono::milliseconds timeout);
   void kill(int signal);
   std::string out() const;

@@ -1,6 +1,5 @@
 #pragma once
-// A test update server: signed releases laid out as the studio publishes them, served by a real
-// nginx on 127.0.0.1.
+// A test update server: signed releases as the studio publishes them, served by a real nginx.
 
 #include <cstdint>
 #include <filesystem>
@@ -14,8 +13,7 @@
 
 namespace th::test {
 
-// {"path", "bytes"}, {"path", "bytes", true} (executable) or {"path", "bytes", false, 999} to
-// announce another size in the manifest.
+// {"path", "bytes", executable, size announced in the manifest if not the real one}.
 struct ReleaseFile {
   std::string path;
   std::string bytes;
@@ -51,14 +49,12 @@ struct ServerCertificate {
   std::filesystem::path certificate, key;
 };
 
-// A CA made for one test with the openssl command line and the server certificates it signs: for
-// 127.0.0.1; the same expired; for another host name; and one from another CA.
+// A test CA made with openssl and what it signs for 127.0.0.1, expired, another host; another CA's.
 class TestCertificates {
  public:
   TestCertificates();
   bool ok() const { return ok_; }
-  // Puts this process (root only) in a mount namespace of its own where the system's CA bundle,
-  // the one libcurl reads, holds the test CA alone: nothing on the machine changes.
+  // Puts this process (root) in a mount namespace of its own whose system CA bundle is the test CA.
   bool trustedHere() const;
 
   ServerCertificate good, expired, otherHost, untrusted;
@@ -70,10 +66,8 @@ class TestCertificates {
   bool ok_ = false;
 };
 
-// A real nginx serving `documentRoot` on a port of 127.0.0.1, with its configuration, logs and
-// temporary folders in a private folder; stopped with its process group at scope end.
-// `extraServerConfig` is pasted into the server block (`location = /loop { return 302 /loop; }`).
-// With a certificate it serves HTTPS only.
+// A real nginx serving `documentRoot` on 127.0.0.1 from a private folder, stopped at scope end;
+// `extraServerConfig` goes into the server block. With a certificate it serves HTTPS only.
 class NginxServer {
  public:
   explicit NginxServer(const std::filesystem::path& documentRoot,
@@ -100,9 +94,8 @@ class NginxServer {
   std::unique_ptr<ChildProcess> process_;
 };
 
-// A real Varnish (varnishd in the foreground, no jail) on a port of 127.0.0.1, running the VCL file
-// `vcl` as it is, with `backend default` pointing at the origin's port in tarn-hollow-origin.vcl on
-// its VCL path; stopped with its process group at scope end.
+// A real Varnish on 127.0.0.1 running the VCL file `vcl` as it is, its `backend default` (in
+// tarn-hollow-origin.vcl on its VCL path) at the origin's port; stopped at scope end.
 class VarnishEdge {
  public:
   VarnishEdge(const std::filesystem::path& vcl, int originPort);

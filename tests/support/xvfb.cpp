@@ -32,9 +32,8 @@ Rgb Image::at(int x, int y) const {
 }
 
 XvfbDisplay::XvfbDisplay() {
-  // Xvfb picks a free display number itself and writes it to stdout (-displayfd 1) once it
-  // accepts connections. -noreset: several clients connect one after another; without it the
-  // server briefly refuses connections whenever the last client leaves.
+  // Xvfb writes the free display it picked once it accepts connections. -noreset: without it the
+  // server briefly refuses connections whenever its last client leaves.
   server_ = std::make_unique<ChildProcess>(
       std::vector<std::string>{"/usr/bin/Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp",
                                "-screen", "0", "1280x800x24"});
@@ -50,8 +49,7 @@ ProcessOptions XvfbDisplay::optionsFor(ProcessOptions options) const {
   options.env["DISPLAY"] = name_;
   options.env["SDL_VIDEO_DRIVER"] = "x11";
   options.env["SDL_RENDER_DRIVER"] = "software";
-  // Under AddressSanitizer: SDL unloads the X11 client libraries at exit, and what they still
-  // hold then shows up as leaks with no symbols to suppress them by.
+  // SDL unloads the X11 libraries at exit: what they hold shows as leaks with no symbols.
   const char* asan = std::getenv("ASAN_OPTIONS");
   options.env["ASAN_OPTIONS"] = std::string(asan != nullptr ? asan : "") + ":detect_leaks=0";
   return options;
@@ -86,8 +84,7 @@ bool XvfbDisplay::xdotool(std::vector<std::string> args) const {
 }
 
 bool XvfbDisplay::requestClose(const std::string& window) const {
-  // A window that has just gone (SDL replaces its first one) must fail the call, not end the
-  // test program, which is what Xlib's default error handler does.
+  // A window just gone (SDL replaces its first one) fails the call instead of ending the test.
   static bool failed;
   failed = false;
   XSetErrorHandler([](Display*, XErrorEvent*) { return (failed = true), 0; });

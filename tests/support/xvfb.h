@@ -24,8 +24,8 @@ struct Image {
   Rgb at(int x, int y) const;
 };
 
-// A private X server (Xvfb) on a free display, stopped at scope end; windows are found, driven
-// and photographed with xdotool and ImageMagick's `import`, as a player's desktop shows them.
+// A private Xvfb, stopped at scope end; windows found, driven and photographed with xdotool and
+// ImageMagick's `import`.
 class XvfbDisplay {
  public:
   XvfbDisplay();
@@ -34,8 +34,7 @@ class XvfbDisplay {
   bool ok() const { return server_ != nullptr; }
   // Runs a program on this display with SDL's deterministic software renderer.
   ProcessOptions optionsFor(ProcessOptions options = {}) const;
-  // The first visible window with exactly this title, of process `owner` if given (a window of a
-  // program that has just exited can outlive it for a moment).
+  // The first visible window with exactly this title, of process `owner` if given.
   std::optional<std::string> waitForWindow(const std::string& title,
                                            std::chrono::milliseconds timeout,
                                            pid_t owner = 0) const;

@@ -5,7 +5,6 @@
 #include "tests/support/system.h"
 #include "update/manifest.h"
 #include "update/safe_path.h"
-#include "update/text_file.h"
 #include "update/version.h"
 
 namespace th::test {
@@ -48,18 +47,6 @@ TEST(SafeRelativePath, AcceptsOrdinaryPathsAndRejectsEscapesAndReservedPlaces) {
                                 "a:b", "a/../b", "x/.", "save//profile.sav", "userdata/x",
                                 "data//update_public_key.pem", ".tarnhollow-update/stage-1/x"})
     EXPECT_FALSE(safeRelativePath(path)) << path;
-}
-
-TEST(TextFile, RoundTripsBytesCreatesParentsAndTruncates) {
-  TempDir dir;
-  const std::string bytes("line one\r\nNUL\0here\n\xff", 20);
-  ASSERT_TRUE(writeTextFile(dir / "a" / "b" / "f.bin", bytes));
-  EXPECT_EQ(readBytes(dir / "a" / "b" / "f.bin"), bytes);
-  EXPECT_EQ(readTextFile(dir / "a" / "b" / "f.bin"), bytes);
-  ASSERT_TRUE(writeTextFile(dir / "a" / "b" / "f.bin", "new"));
-  EXPECT_EQ(readBytes(dir / "a" / "b" / "f.bin"), "new");
-  EXPECT_FALSE(writeTextFile(dir / "a" / "b" / "f.bin" / "child.txt", "x"));
-  EXPECT_EQ(readTextFile(dir / "missing"), "");
 }
 
 const std::string kZero = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";

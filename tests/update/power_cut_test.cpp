@@ -1,7 +1,6 @@
-// Power cuts on real ext4, xfs and btrfs: a launcher start (the engine, then the update helper) or
-// a publish on a loop-mounted image is SIGKILLed by strace at a chosen system call. The image,
-// copied at once as the block device holds it, is mounted on a second loop device, where the file
-// system's own recovery runs: the copy shows the power cut, the original the kill.
+// Power cuts on real ext4, xfs and btrfs: a start or a publish on a loop-mounted image is killed
+// by strace at a chosen call; the image, copied at once as the device holds it, is mounted on a
+// second loop device, where recovery runs: the copy shows the power cut, the original the kill.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
@@ -35,9 +34,8 @@ const FileSystem kFileSystems[] = {
     {"btrfs", {"/usr/sbin/mkfs.btrfs", "-q", "-f"}, "commit=600", ""}};
 void PrintTo(const FileSystem& type, std::ostream* out) { *out << type.name; }
 
-// An image that `steps` make (each given its path last), in memory where it can be so that flushes
-// cost nothing, on a loop device of its own and mounted. Undone at scope end: the mount lazily
-// while a relaunched launcher may still run from it, the loop device then by the kernel.
+// An image that `steps` make (each given its path last), in memory where it can be, on a loop
+// device of its own and mounted; undone at scope end (lazily: a relaunched launcher may run).
 class MountedImage {
  public:
   MountedImage(std::vector<std::vector<std::string>> steps, const std::string& type,
@@ -69,9 +67,8 @@ class MountedImage {
   std::string device_, problem_;
 };
 
-// A call as strace's `when` counts them, the n-th (from 1) of its name; chosen when it changes
-// names, modes or disk contents: killed on entry of each, a program leaves every state that a kill
-// at any moment can leave, half-written files aside.
+// The n-th (from 1) call of its name, as strace counts; chosen when it changes names, modes or
+// disk contents: killed on entry of each, a program leaves every state a kill can leave.
 struct Call {
   std::string name;
   int nth;
@@ -171,7 +168,7 @@ std::vector<ReleaseFile> filesOf(const std::string& version) {
 void writeFiles(const fs::path& root, const std::string& version) {
   for (const ReleaseFile& file : filesOf(version)) {
     writeBytes(root / file.path, file.bytes);
-    if (file.executable) fs::permissions(root / file.path, fs::perms(0755));
+    fs::permissions(root / file.path, fs::perms(file.executable ? 0755 : 0644));
   }
 }
 void layOut(const fs::path& root, const std::string& version, const std::string& server) {
