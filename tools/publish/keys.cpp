@@ -47,17 +47,6 @@ bool memoryBioText(BIO* bio, std::string& text) {
   return true;
 }
 
-std::string hexOf(const std::vector<unsigned char>& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (const unsigned char b : bytes) {
-    text.push_back(kDigits[b >> 4]);
-    text.push_back(kDigits[b & 0x0f]);
-  }
-  return text;
-}
-
 }  // namespace
 
 bool generateKey(PrivateKey& key, std::string& error) {
@@ -134,6 +123,17 @@ bool signSha256(EVP_PKEY* key, std::string_view bytes, std::string& signatureHex
   }
   signatureHex = hexOf(signature);
   return true;
+}
+
+std::string hexOf(const std::vector<unsigned char>& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const unsigned char b : bytes) {
+    text.push_back(kDigits[b >> 4]);
+    text.push_back(kDigits[b & 0x0f]);
+  }
+  return text;
 }
 
 }  // namespace th::publish

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/publish/passphrase.h"
 #include "update/openssl_handles.h"
@@ -33,5 +34,8 @@ bool publicKeyPem(EVP_PKEY* key, std::string& pem, std::string& error);
 // DER signature) and returns the signature as lower-case hex. Error: "key_cannot_sign".
 bool signSha256(EVP_PKEY* key, std::string_view bytes, std::string& signatureHex,
                 std::string& error);
+
+// Lower-case hex of `bytes`, as manifests and signatures carry digests.
+std::string hexOf(const std::vector<unsigned char>& bytes);
 
 }  // namespace th::publish

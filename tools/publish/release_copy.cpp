@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tools/publish/keys.h"
 #include "update/openssl_handles.h"
 
 namespace th::publish {
@@ -33,11 +34,7 @@ std::string hexDigest(EVP_MD_CTX* context) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (EVP_DigestFinal_ex(context, digest, &length) != 1) return {};
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (unsigned int i = 0; i < length; ++i)
-    (text += kDigits[digest[i] >> 4]) += kDigits[digest[i] & 15];
-  return text;
+  return hexOf({digest, digest + length});
 }
 
 }  // namespace
