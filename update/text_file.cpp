@@ -23,7 +23,11 @@ std::string readTextFile(const std::filesystem::path& path) {
 bool writeTextFile(const std::filesystem::path& path, const std::string& contents) {
   std::error_code ignored;
   std::filesystem::create_directories(path.parent_path(), ignored);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  // Unbuffered, so that the write itself reaches the system and a full disk shows in the
+  // stream's state; with a buffer the bytes would only fail at the close, which nobody checks.
+  std::ofstream out;
+  out.rdbuf()->pubsetbuf(nullptr, 0);
+  out.open(path, std::ios::binary | std::ios::trunc);
   if (!out.is_open()) return false;
   out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
   return out.good();

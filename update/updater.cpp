@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <set>
 #include <system_error>
 #include <utility>
 
@@ -189,34 +188,6 @@ bool installAll(const UpdatePlan& plan, const fs::path& root, const fs::path& st
   return true;
 }
 
-// Adds `folder` and its parents up to `root`, stopping early at one already added (whose
-// parents are then in as well).
-void addFolderChain(fs::path folder, const fs::path& root, std::set<fs::path>& folders) {
-  while (folders.insert(folder).second && folder != root && folder.has_relative_path()) {
-    folder = folder.parent_path();
-  }
-}
-
-// Every folder whose entries the install changed: renames into place, into the backup folder and
-// newly made folders are only durable once their folders are flushed.
-void flushChangedFolders(const Journal& journal, const fs::path& root) {
-  std::set<fs::path> folders;
-  for (const auto& [installed, backup] : journal) {
-    addFolderChain(installed.parent_path(), root, folders);
-    if (!backup.empty()) addFolderChain(backup.parent_path(), root, folders);
-  }
-  for (const fs::path& folder : folders) flushToDisk(folder);
-}
-
-// The marker vouches for every file of its version, so it goes to disk only after them: a file
-// system that flushes one file alone (btrfs) would otherwise keep a new marker over old files.
-bool writeMarker(const fs::path& marker, const std::string& version) {
-  if (!writeTextFile(marker, version + "\n")) return false;
-  flushToDisk(marker);
-  flushToDisk(marker.parent_path());  // a marker new to the install
-  return true;
-}
-
 }  // namespace
 
 Updater::Updater(std::filesystem::path root) : root(std::move(root)) {}
@@ -259,11 +230,16 @@ bool Updater::apply(const UpdatePlan& plan, ProgressCallback progress, std::stri
     rollback(journal);
     return false;
   }
-  flushChangedFolders(journal, root);
-  if (!writeMarker(root / "data" / "game_version", plan.manifest.version)) {
+  // Nothing stands between the last rename and the marker: a kill there leaves every file new
+  // under the old marker, which no later check repairs (it plans nothing).
+  if (!writeTextFile(root / "data" / "game_version", plan.manifest.version + "\n")) {
     rollback(journal);
     return fail(error, "version_marker_write_failed");
   }
+  // One flush of the whole file system after the marker: every journaling file system here
+  // commits the renames and the marker together (btrfs in one transaction), so a power cut
+  // leaves either the old install with the staged files or the new one with its marker.
+  flushFileSystem(root);
   // A staged launcher waits for the update helper; otherwise the staging folder is spent.
   // Backups are kept: they are the only copy of the replaced files.
   if (stagedLauncher == nullptr || stagedLauncher->empty()) {

@@ -1,9 +1,11 @@
-// One player's launcher start: the engine prints the version it installed, or its error, then a
-// launcher it staged, which the update helper, in this process's place, swaps in.
+// One player's launcher start: the engine prints the version the marker names after the update
+// (as the job reads it back), or its error, then a launcher it staged, which the update helper,
+// in this process's place, swaps in.
 #include <unistd.h>
 
 #include <iostream>
 
+#include "launcher/version_marker.h"
 #include "update/updater.h"
 
 int main(int argc, char** argv) {
@@ -15,7 +17,7 @@ int main(int argc, char** argv) {
   std::filesystem::path staged;
   const bool updated =
       updater.check("stable", plan, error) && updater.apply(plan, {}, error, &staged);
-  std::cout << (updated ? plan.manifest.version : error) << std::endl;
+  std::cout << (updated ? localVersion(argv[1]) : error) << std::endl;
   if (!updated || staged.empty()) return updated ? 0 : 1;
   std::cout << staged.string() << std::endl;
   const std::string self = std::to_string(getpid());
