@@ -180,7 +180,7 @@ TEST_F(Updater, InstallsAFreshReleaseThenOnlyWhatChangedLeavingTheLauncherStaged
   fs::path staged;
   std::string error;
   ASSERT_TRUE(updater.apply(plan, recorder, error, &staged)) << error;
-  // Contents, modes, the marker and the player's files after an apply: power_cut_test.cpp.
+  // Contents, modes, the marker and the player's files after an apply: disk_test.cpp.
   EXPECT_EQ(readBytes(install / "data" / "a.bin"), std::string(70000, 'a'));
   EXPECT_FALSE(fs::exists(install / "bin" / kLauncher));
   EXPECT_EQ(readBytes(staged), "launcher 2.0");

@@ -1,16 +1,24 @@
-// Power cuts on real ext4, xfs and btrfs: a start or a publish on a loop-mounted image is killed
-// by strace at a chosen call; the image, copied at once as the device holds it, is mounted on a
-// second loop device, where recovery runs: the copy shows the power cut, the original the kill.
+// What a disk does to an update, on real ext4, xfs and btrfs images on loop devices.
+// Power cuts: a start or a publish is killed by strace at a chosen call; the image, copied at once
+// as the device holds it, is mounted on a second loop device, where recovery runs: the copy shows
+// the power cut, the original the kill. Full disks: the update job runs short of room or inodes.
+#include <curl/curl.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <random>
 #include <regex>
+#include <set>
 #include <sstream>
 
-#include "tests/support/mounted_image.h"
+#include "launcher/update_job.h"
 #include "tests/support/update_server.h"
 #include "update/manifest.h"
 #include "update/signature.h"
@@ -32,6 +40,39 @@ const FileSystem kFileSystems[] = {
     {"xfs", {"/usr/sbin/mkfs.xfs", "-q", "-f"}, "", "nouuid"},
     {"btrfs", {"/usr/sbin/mkfs.btrfs", "-q", "-f"}, "commit=600", ""}};
 void PrintTo(const FileSystem& type, std::ostream* out) { *out << type.name; }
+
+// An image that `steps` make (each given its path last), in memory where it can be, on a loop
+// device of its own and mounted; undone at scope end (lazily: a relaunched launcher may run).
+class MountedImage {
+ public:
+  MountedImage(std::vector<std::vector<std::string>> steps, const std::string& type,
+               const std::string& options) {
+    if (!fs::exists("/dev/loop-control")) problem_ = "no loop devices: run as root, load `loop`";
+    steps.push_back({"/usr/sbin/losetup", "--find", "--show"});
+    for (std::vector<std::string>& step : steps) {
+      step.push_back(image().string());
+      const ProcessResult done = problem_.empty() ? runProcess(step) : ProcessResult{};
+      if (problem_.empty() && done.exitCode != 0) problem_ = step[0] + ": " + done.err;
+      device_ = done.out.substr(0, done.out.find('\n'));  // the last is losetup's answer
+    }
+    fs::create_directories(root());
+    if (problem_.empty() &&
+        ::mount(device_.c_str(), root().c_str(), type.c_str(), 0, options.c_str()) != 0)
+      problem_ = "mount -t " + type + " -o '" + options + "': " + strerror(errno);
+  }
+  ~MountedImage() {
+    if (::umount2(root().c_str(), 0) != 0) ::umount2(root().c_str(), MNT_DETACH);
+    if (!device_.empty()) runProcess({"/usr/sbin/losetup", "--detach", device_});
+  }
+
+  fs::path image() const { return dir_ / "image"; }
+  fs::path root() const { return dir_ / "mnt"; }
+  const std::string& problem() const { return problem_; }
+
+ private:
+  TempDir dir_{fs::is_directory("/dev/shm") ? "/dev/shm" : ""};
+  std::string device_, problem_;
+};
 
 // The n-th (from 1) call of its name, as strace counts; chosen when it changes names, modes or
 // disk contents: killed on entry of each, a program leaves every state a kill can leave.
@@ -258,6 +299,147 @@ TEST_P(PowerCut, APublishCutAnywhereServesTheOldReleaseOrTheNewOneWhole) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, PowerCut, ::testing::ValuesIn(kFileSystems),
+                         [](const auto& info) { return info.param.name; });
+
+void syncFileSystem(const fs::path& path) { runProcess({"/usr/bin/sync", "-f", path.string()}); }
+
+// Takes all the room there is, then gives back `blocks` blocks (counted once committed).
+void leaveBlocks(const fs::path& filler, unsigned blocks) {
+  const int fd = ::open(filler.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  struct statvfs disk {};
+  ::fstatvfs(fd, &disk);
+  ::fallocate(fd, 0, 0, static_cast<off_t>((disk.f_bavail - 256) * disk.f_frsize));
+  const std::string block(disk.f_frsize, 'x');
+  off_t size = ::lseek(fd, 0, SEEK_END);
+  while (::pwrite(fd, block.data(), block.size(), size) == static_cast<ssize_t>(block.size()))
+    size += static_cast<off_t>(block.size());
+  ::fsync(fd);
+  ::ftruncate(fd, size - static_cast<off_t>(blocks * disk.f_frsize));
+  ::close(fd);
+  syncFileSystem(filler);
+}
+
+// Takes every inode there is with empty files, then gives back `inodes` of them.
+void leaveInodes(const fs::path& folder, unsigned inodes) {
+  fs::create_directories(folder);
+  int made = 0;
+  for (int fd; (fd = ::open((folder / std::to_string(made)).c_str(),
+                            O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)) >= 0;)
+    ::close(fd), ++made;
+  while (inodes-- > 0 && made > 0) fs::remove(folder / std::to_string(--made));
+  syncFileSystem(folder);
+}
+
+// The bytes a failed update left in the work folder, which nothing reclaims.
+std::uintmax_t workFolderBytes(const fs::path& install) {
+  std::uintmax_t bytes = 0;
+  std::error_code ignored;
+  for (const auto& entry :
+       fs::recursive_directory_iterator(install / ".tarnhollow-update", ignored))
+    if (entry.is_regular_file(ignored)) bytes += entry.file_size(ignored);
+  return bytes;
+}
+
+std::string jobLines(const fs::path& install) {
+  Shared shared;
+  shared.busy = true;
+  runUpdateJob(shared, install, "stable", false, false);
+  const Snapshot s = snapshot(shared);
+  return s.status + " / " + s.detail;
+}
+
+// The download fails at the stream, at its close (then the digest) or at its file.
+const std::string kDownload = std::string(curl_easy_strerror(CURLE_WRITE_ERROR)) + "|download_.*";
+struct Shortage {
+  std::string name;
+  FileSystem type;
+  std::vector<std::string> mkfsOptions;
+  std::function<void(const fs::path& filler, unsigned level)> leave;
+  std::vector<std::string> mustFail;  // detail lines that some level must end with
+};
+void PrintTo(const Shortage& shortage, std::ostream* out) { *out << shortage.name; }
+const Shortage kShortages[] = {
+    {"ext4_room",
+     kFileSystems[0],
+     {"-m", "0", "-b", "4096"},
+     leaveBlocks,
+     {"update_workdir_failed", kDownload, "update_(backup|destination)_failed:.*",
+      "version_marker_write_failed"}},
+    {"xfs_room",
+     kFileSystems[1],
+     {},
+     leaveBlocks,
+     {kDownload, "update_(backup|destination)_failed:.*"}},
+    {"ext4_inodes",
+     kFileSystems[0],
+     {"-N", "256"},
+     leaveInodes,
+     {"update_workdir_failed", "download_destination_unwritable",
+      "update_(backup|destination)_failed:.*", "version_marker_write_failed"}},
+};
+
+class DiskFull : public ::testing::TestWithParam<Shortage> {};
+
+// A first start (no marker yet, so writing it takes room) of 1.0.0 left with 0, 1, 2, ... blocks
+// or inodes, until the update to a 2.0.0 that keeps the launcher goes through.
+TEST_P(DiskFull, AnUpdateShortOfRoomFailsCleanlyAndConvergesOnceRoomIsMade) {
+  const Shortage& shortage = GetParam();
+  TempDir www, reference;
+  NginxServer nginx(www.path());
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  publishRelease(www.path(), {"2.0.0", filesOf("2.0.0", true), false, ""});
+  const auto layOutFirst = [&](const fs::path& root, const std::string& version) {
+    layOut(root, version, nginx.url(), true);
+    if (version == "1.0.0") fs::remove(root / "data/game_version");
+    return installSnapshot(root);
+  };
+  const FolderSnapshot older = layOutFirst(reference / "1", "1.0.0");
+  const FolderSnapshot newer = layOutFirst(reference / "2", "2.0.0");
+  std::vector<std::string> mkfs = shortage.type.mkfs;
+  mkfs.insert(mkfs.end(), shortage.mkfsOptions.begin(), shortage.mkfsOptions.end());
+  const MountedImage disk({{"/usr/bin/truncate", "-s", "300M"}, mkfs}, shortage.type.name, "");
+  ASSERT_EQ(disk.problem(), "");
+  std::set<std::string> failures;
+  std::string left;
+  for (unsigned level = 0; level < 200; ++level) {
+    SCOPED_TRACE(shortage.name + " level " + std::to_string(level));
+    const fs::path install = disk.root() / "install";
+    layOutFirst(install, "1.0.0");
+    shortage.leave(disk.root() / "filler", level);
+    const std::string lines = jobLines(install);
+    FolderSnapshot now = installSnapshot(install);
+    if (lines == "READY TO PLAY / INSTALLED VERSION 2.0.0") {
+      EXPECT_EQ(snapshotDiff(newer, now), "");
+      break;
+    }
+    ASSERT_TRUE(lines.starts_with("UPDATE FAILED - TRY AGAIN / ")) << lines;
+    const std::string detail = lines.substr(lines.find(" / ") + 3);
+    failures.insert(detail);
+    // A marker write that fails leaves it empty (it is written in place); folders made for new
+    // files stay after a rollback.
+    if (detail == "version_marker_write_failed" && readBytes(install / "data/game_version").empty())
+      now.erase("data/game_version");
+    std::erase_if(now, [&](const auto& entry) {
+      return !older.contains(entry.first) && entry.second.starts_with("folder");
+    });
+    EXPECT_EQ(snapshotDiff(older, now), "") << detail;
+    left += " " + std::to_string(workFolderBytes(install));
+    fs::remove_all(disk.root() / "filler");
+    syncFileSystem(disk.root());
+    EXPECT_EQ(jobLines(install), "READY TO PLAY / INSTALLED VERSION 2.0.0") << detail;
+    EXPECT_EQ(snapshotDiff(newer, installSnapshot(install)), "") << detail;
+    fs::remove_all(install);
+  }
+  std::cout << shortage.name << ": failures seen:";
+  for (const std::string& failure : failures) std::cout << " '" << failure << "'";
+  std::cout << "; bytes left in the work folder by each:" << left << std::endl;
+  for (const std::string& expected : shortage.mustFail)
+    EXPECT_TRUE(std::any_of(failures.begin(), failures.end(), [&](const std::string& seen) {
+      return std::regex_match(seen, std::regex(expected));
+    })) << expected;
+}
+
+INSTANTIATE_TEST_SUITE_P(, DiskFull, ::testing::ValuesIn(kShortages),
                          [](const auto& info) { return info.param.name; });
 
 }  // namespace
