@@ -8,9 +8,13 @@
 #include <optional>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace th::update {
 namespace {
+
+// Sized by measurement (docs/BENCHMARKS.md, P3).
+constexpr std::size_t kDownloadBufferBytes = 256 * 1024;
 
 // libcurl's easy interface, loaded when the first request is made. Linked at start-up, libcurl
 // and the thirty-odd libraries it needs would be loaded before the window appears, and every
@@ -136,7 +140,13 @@ bool httpDownload(const std::string& url, const std::filesystem::path& destinati
                   ProgressCallback progress, std::string& error) {
   std::error_code ignored;
   std::filesystem::create_directories(destination.parent_path(), ignored);
-  std::ofstream out(destination, std::ios::binary | std::ios::out | std::ios::trunc);
+  // The stream's own buffer, larger than the library's default: each of libcurl's 16 KiB
+  // deliveries then costs a copy, not a system call, and the file grows in large writes. No
+  // request, option or progress report changes with it.
+  std::vector<char> buffer(kDownloadBufferBytes);
+  std::ofstream out;
+  out.rdbuf()->pubsetbuf(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+  out.open(destination, std::ios::binary | std::ios::out | std::ios::trunc);
   if (out.fail() || out.bad()) {
     error = "download_destination_unwritable";
     return false;
