@@ -11,6 +11,7 @@
 #include "helper/relaunch.h"
 #include "helper/replace_launcher.h"
 #include "helper/wait_for_exit.h"
+#include "update/start_signals.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ constexpr auto kWaitLimit = std::chrono::seconds(30);
 }  // namespace
 
 int main(int argc, char** argv) {
+  th::update::recordStartSignals();  // the relaunched launcher gets what this process was given
   using namespace th::helper;
   HelperOptions options;
   std::string error;
@@ -31,7 +33,8 @@ int main(int argc, char** argv) {
   }
   const HelperLog log(workFolderOf(options.target) / "helper.log");
   // Refused before waiting: the helper renames and starts only what one install staged for it.
-  if (!describesOneInstall(options, error)) {
+  th::update::FileDescriptor staged(-1);
+  if (!describesOneInstall(options, staged, error)) {
     std::cerr << "tarn-hollow-update-helper: refused: " << error << '\n';
     if (targetNamedLikeLauncher(options)) log.line("refused: " + error);
     return kExitRefused;
@@ -40,7 +43,7 @@ int main(int argc, char** argv) {
   waitForLauncherExit(options.waitPid, options.target, kWaitLimit, log);
   // A failed swap does not relaunch: the old launcher would stage the same update and hand it
   // back here, over and over.
-  if (!replaceLauncher(options.staged, options.target, log, error)) {
+  if (!replaceLauncher(staged, options.staged, options.target, log, error)) {
     log.line("replacement failed: " + error);
     return kExitFailed;
   }

@@ -1,5 +1,9 @@
 #include "helper/replace_launcher.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 #include <system_error>
 
@@ -60,6 +64,25 @@ bool keepBackup(const fs::path& target, const fs::path& backup, const HelperLog&
   return true;
 }
 
+bool holdsFile(const fs::path& path, const update::FileDescriptor& file) {
+  struct stat named {
+  }, opened{};
+  return lstat(path.c_str(), &named) == 0 && fstat(file.get(), &opened) == 0 &&
+         named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+}
+
+// The name got a file nobody judged: the backup, if there was an old launcher, takes it back.
+void putBackOldLauncher(const fs::path& backup, const fs::path& target, const HelperLog& log) {
+  std::error_code reason;
+  if (fs::exists(fs::symlink_status(backup, reason))) {
+    fs::rename(backup, target, reason);
+  } else {
+    fs::remove(target, reason);
+  }
+  log.line(reason ? "could not take back " + target.string() + ": " + reason.message()
+                  : "took back " + target.string());
+}
+
 }  // namespace
 
 fs::path workFolderOf(const fs::path& target) {
@@ -78,19 +101,28 @@ std::optional<fs::path> stagingFolderOf(const fs::path& staged, const fs::path& 
   return std::nullopt;
 }
 
-bool replaceLauncher(const fs::path& staged, const fs::path& target, const HelperLog& log,
-                     std::string& error) {
-  std::error_code reason;
+bool replaceLauncher(const update::FileDescriptor& judged, const fs::path& staged,
+                     const fs::path& target, const HelperLog& log, std::string& error) {
   // At every moment the launcher's name holds a launcher that starts, the old one or the new:
   // the old one is never taken off its name, and the new one replaces it in one rename, with
-  // its bit and its bytes on disk before.
-  fs::permissions(staged, fs::perms(0755), fs::perm_options::replace, reason);
+  // its bit and its bytes on disk before. Through the descriptor: the path may name another
+  // file by now, or a link to one.
+  if (fchmod(judged.get(), 0755) != 0) {
+    error = withReason("launcher_mode_failed", std::error_code(errno, std::system_category()));
+    return false;
+  }
   const fs::path backup = backupFolderFor(staged, workFolderOf(target)) / target.filename();
   if (!keepBackup(target, backup, log, error)) return false;
-  update::flushToDisk(staged);
+  fsync(judged.get());  // a flush protects the result but never changes it
+  std::error_code reason;
   fs::rename(staged, target, reason);
   if (reason) {
     error = withReason("launcher_rename_failed", reason);
+    return false;
+  }
+  if (!holdsFile(target, judged)) {
+    putBackOldLauncher(backup, target, log);
+    error = "staged_launcher_changed";
     return false;
   }
   update::flushToDisk(target.parent_path());

@@ -16,8 +16,8 @@
 namespace {
 
 // The child's own process ID goes to "--wait-pid"; the helper relies on that reading of it. The
-// helper, and through it the restarted launcher and the game, inherit nothing of this worker
-// thread but the standard streams.
+// helper, and through it the restarted launcher and the game, get the signals the launcher was
+// started with and the standard streams, nothing of this worker thread's.
 // Every way out of the child ends in exec or _exit: 126 cannot enter the folder, 127 cannot
 // execute.
 inline pid_t startUpdateHelper(const std::filesystem::path& helperPath,

@@ -16,6 +16,7 @@
 #include "launcher/version_marker.h"
 #include "paths/data_dirs.h"
 #include "paths/save_migration.h"
+#include "update/start_signals.h"
 
 namespace {
 
@@ -97,4 +98,7 @@ int runLauncher(int argc, char** argv) {
 // libraries run, which crashed the launcher when it was closed during a check or an apply.
 // _exit ends all threads at once without that teardown; nothing is buffered that needs flushing,
 // and an interrupted apply is healed by the next start.
-int main(int argc, char** argv) { _exit(runLauncher(argc, argv)); }
+int main(int argc, char** argv) {
+  th::update::recordStartSignals();  // before SDL or libcurl touch any signal
+  _exit(runLauncher(argc, argv));
+}

@@ -9,9 +9,10 @@
 
 namespace {
 
-// True when a child process was created. The game starts as from a shell, with nothing of the
-// launcher's but its standard streams. Whether the program could run shows only in the
-// child's exit status (126: cannot enter its folder, 127: cannot execute), which nobody collects.
+// True when a child process was created. The game starts as from a shell, with the signals the
+// launcher was started with and its standard streams, nothing else of the launcher's. Whether
+// the program could run shows only in the child's exit status (126: cannot enter its folder,
+// 127: cannot execute), which nobody collects.
 inline bool launchProcess(const std::filesystem::path& executable) {
   const pid_t pid = fork();
   if (pid < 0) return false;

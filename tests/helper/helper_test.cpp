@@ -13,27 +13,29 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-const std::string kOld = "#!/bin/sh\ntouch relaunched\n", kStaged = ".tarnhollow-update/stage-1/";
+const std::string kOld = "#!/bin/sh\ntouch relaunched\n", kStaged = ".tarnhollow-update/stage-1/",
+                  kTarget = " --target ./tarn-hollow-launcher --relaunch ./tarn-hollow-launcher";
 
 // A bad command line, or one that is not this install's launcher and the file its engine staged,
-// is refused with 2: nothing renamed or started. A failed relaunch ends with 1, said in the log.
+// is refused with 2 before the wait for a launcher still running: nothing renamed or started. A
+// failed relaunch ends with 1, said in the log.
 TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   const std::string usage =
       "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
       "--target TARGET --relaunch PROGRAM\n";
-  const std::string swap = "--wait-pid 2147483647 --replace ",
-                    in = " --target ./tarn-hollow-launcher";
-  const std::string launcher = in + " --relaunch ./tarn-hollow-launcher";
+  ChildProcess running({"/bin/sleep", "60"});
+  const std::string swap = "--wait-pid " + std::to_string(running.pid()) + " --replace ";
   const std::vector<std::tuple<std::string, int, std::string>> table = {
       {"", 2, "missing --wait-pid" + usage},
       {"--wait-pid 0 --replace s --target t --relaunch r", 2,
        "--wait-pid needs a positive process id, not '0'" + usage},
       {swap + kStaged + "new --target ./l --relaunch ./l", 2, "refused: target_not_a_launcher\n"},
-      {swap + kStaged + "new" + in + " --relaunch ./l", 2, "refused: relaunch_not_the_target\n"},
-      {swap + ".tarnhollow-update/new" + launcher, 2, "refused: staged_outside_staging_folder\n"},
-      {swap + kStaged + "link" + launcher, 2, "refused: staged_launcher_not_a_file\n"},
-      {swap + kStaged + "folder" + launcher, 2, "refused: staged_launcher_not_a_file\n"},
-      {swap + kStaged + "garbage" + launcher, 1,
+      {swap + kStaged + "new --target ./tarn-hollow-launcher --relaunch ./l", 2,
+       "refused: relaunch_not_the_target\n"},
+      {swap + ".tarnhollow-update/new" + kTarget, 2, "refused: staged_outside_staging_folder\n"},
+      {swap + kStaged + "link" + kTarget, 2, "refused: staged_launcher_not_a_file\n"},
+      {swap + kStaged + "folder" + kTarget, 2, "refused: staged_launcher_not_a_file\n"},
+      {"--wait-pid 2147483647 --replace " + kStaged + "garbage" + kTarget, 1,
        "relaunch of ./tarn-hollow-launcher failed: relaunch_exec_failed:Exec format error\n"}};
   for (const auto& [args, exitCode, message] : table) {
     SCOPED_TRACE(message);
@@ -46,7 +48,7 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
     fs::create_directories(cwd / kStaged / "folder");
     fs::create_symlink("new", cwd / kStaged / "link");
     const auto helper =
-        runProcess({"/bin/sh", "-c", TH_UPDATE_HELPER " " + args}, {{}, cwd.path()});
+        runProcess({"/bin/sh", "-c", TH_UPDATE_HELPER " " + args}, {{}, cwd.path(), 10s});
     EXPECT_EQ(helper.exitCode, exitCode);
     const std::string log = readBytes(cwd / ".tarnhollow-update/helper.log");
     EXPECT_NE((exitCode == 2 ? helper.err : log).find(message), std::string::npos)
@@ -59,15 +61,16 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   }
 }
 
-// The new launcher starts after the old one ended (the helper's parent, or the process named), as
-// from a shell: nice value and standard streams only. The log is never written through a link.
+// The new launcher starts after the old one ended (the helper's parent, or the process named), with
+// what the helper was given but its descriptors beyond 0-2. The log is never written through a
+// link.
 TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
-  const std::string args = " --replace " + kStaged +
-                           "tarn-hollow-launcher --target ./tarn-hollow-launcher --relaunch "
-                           "./tarn-hollow-launcher";
-  const std::regex clean("nice=" + std::to_string(getpriority(PRIO_PROCESS, 0) + 3) +
-                         "\nfd=0 .*\nfd=1 .*\nfd=2 .*\nSigBlk:\t0{16}\nSigIgn:\t0{16}\n");
+  const std::string args = " --replace " + kStaged + "tarn-hollow-launcher" + kTarget;
+  const std::string given = "nice=" + std::to_string(getpriority(PRIO_PROCESS, 0) + 3) +
+                            "\nfd=0 .*\nfd=1 .*\nfd=2 .*\nSigBlk:\t0{13}200\nSigIgn:\t0{13}80";
   for (const bool helperIsChildOfLauncher : {true, false}) {
+    // SIGHUP and SIGUSR2 ignored; a shell's background job has SIGINT and SIGQUIT ignored too.
+    const std::regex clean(given + (helperIsChildOfLauncher ? "7\n" : "1\n"));
     SCOPED_TRACE(helperIsChildOfLauncher ? "own pid, parent is the launcher" : "other pid");
     TempDir root;  // the old launcher is a shell, so that it can start the helper as its child
     fs::copy_file("/bin/sh", root / "tarn-hollow-launcher");
@@ -96,6 +99,32 @@ TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
     EXPECT_TRUE(std::regex_search(record, clean)) << record;
     EXPECT_EQ(readBytes(root / "victim"), "");
   }
+}
+
+// The staged file is judged before the wait and installed after it: swapped meanwhile for a link,
+// it is neither followed (the mode changed through the file judged) nor installed nor started.
+TEST(UpdateHelper, InstallsOnlyTheFileItJudged) {
+  TempDir root;
+  for (const std::string& file :
+       std::vector<std::string>{"tarn-hollow-launcher", kStaged + "l", "victim"})
+    writeBytes(root / file, kOld);
+  ChildProcess running({"/bin/sleep", "60"});
+  ChildProcess helper(words(TH_UPDATE_HELPER " --wait-pid " + std::to_string(running.pid()) +
+                            " --replace " + kStaged + "l" + kTarget),
+                      {{}, root.path()});
+  const auto log = [&] { return readBytes(root / ".tarnhollow-update/helper.log"); };
+  ASSERT_TRUE(
+      waitUntil([&] { return log().find("waiting for process") != std::string::npos; }, 20s));
+  fs::remove(root / kStaged / "l");
+  fs::create_symlink("../../victim", root / kStaged / "l");
+  running.kill(SIGKILL);
+  running.wait(10s);
+  EXPECT_EQ(helper.wait(20s), 1);
+  EXPECT_NE(log().find("replacement failed: staged_launcher_changed\n"), std::string::npos)
+      << log();
+  EXPECT_EQ(fileMode(root / "victim"), 0644u);
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(root / "tarn-hollow-launcher")));
+  EXPECT_FALSE(fs::exists(root / "relaunched"));
 }
 
 }  // namespace

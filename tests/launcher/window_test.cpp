@@ -45,12 +45,23 @@ class Launcher : public ::testing::Test {
     return display.optionsFor(options);
   }
 
-  // Through a careless parent (the recorder's "--exec-unclean").
-  void start() {
+  // Through a careless parent (the recorder's "--exec-unclean"); in a terminal, as the leader of
+  // its session, which ends with it (`script`): a game then records only if it lived on 1 s.
+  void start(bool inTerminal = false) {
     ASSERT_TRUE(display.ok());
+    const std::string unclean =
+        TH_RECORDER " --exec-unclean " + (root / "tarn-hollow-launcher").string();
+    ProcessOptions given = options();
+    if (inTerminal) given.env["TH_RECORD_AFTER_MS"] = "1000";
     launcher = std::make_unique<ChildProcess>(
-        Lines{TH_RECORDER, "--exec-unclean", (root / "tarn-hollow-launcher").string()}, options());
-    const auto found = display.waitForWindow(kTitle, 20s, launcher->pid());
+        inTerminal ? Lines{"/usr/bin/script", "-qfec", "exec " + unclean, "/dev/null"}
+                   : words(unclean),
+        given);
+    const std::string children = "/proc/" + std::to_string(launcher->pid()) + "/task/" +
+                                 std::to_string(launcher->pid()) + "/children";
+    ASSERT_TRUE(waitUntil([&] { return !inTerminal || !readBytes(children).empty(); }, 5s));
+    launcherPid = inTerminal ? std::stoi(readBytes(children)) : launcher->pid();
+    const auto found = display.waitForWindow(kTitle, 20s, launcherPid);
     ASSERT_TRUE(found) << launcher->err();
     window = *found;
   }
@@ -61,7 +72,7 @@ class Launcher : public ::testing::Test {
                      const std::function<bool(const Image&)>& also = {}) {
     return waitUntil(
         [&] {
-          if (const auto current = display.waitForWindow(kTitle, 2s, launcher->pid()))
+          if (const auto current = display.waitForWindow(kTitle, 2s, launcherPid))
             window = *current;
           const auto shot = display.screenshot(window);
           if (shot) screen = *shot;
@@ -71,14 +82,16 @@ class Launcher : public ::testing::Test {
         90s);
   }
 
-  // What a program started by that launcher, however indirectly, must inherit: no more.
+  // What a program started by that launcher, however indirectly, must inherit: what it was
+  // given, no more.
   std::string cleanStartAfter() const {
-    std::string expected = "nice=" + std::to_string(getpriority(PRIO_PROCESS, launcher->pid()));
+    std::string expected = "nice=" + std::to_string(getpriority(PRIO_PROCESS, launcherPid));
     for (const char* fd : {"0", "1", "2"}) {
-      const fs::path link = "/proc/" + std::to_string(launcher->pid()) + "/fd/" + fd;
+      const fs::path link = "/proc/" + std::to_string(launcherPid) + "/fd/" + fd;
       expected += std::string("\nfd=") + fd + " " + fs::read_symlink(link).string();
     }
-    return expected + "\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
+    // As the careless parent left them: SIGUSR1 blocked, SIGHUP and SIGUSR2 ignored.
+    return expected + "\nSigBlk:\t0000000000000200\nSigIgn:\t0000000000000801\n";
   }
 
   bool click(std::pair<int, int> point) { return display.click(window, point.first, point.second); }
@@ -88,6 +101,7 @@ class Launcher : public ::testing::Test {
   fs::path root = scratch / "game";
   std::unique_ptr<NginxServer> server;
   std::unique_ptr<ChildProcess> launcher;
+  pid_t launcherPid = 0;
   std::string window;
   Image screen;
 };
@@ -147,7 +161,7 @@ TEST_F(Launcher, ClosedAnywhereInAJobEndsCleanlyAndTheNextStartHeals) {
     std::this_thread::sleep_for(std::chrono::milliseconds(random() % 700));
     EXPECT_TRUE(waitUntil(  // the window SDL shows now: it may have replaced the first one
         [&] {
-          if (const auto shown = display.waitForWindow(kTitle, 1s, launcher->pid()))
+          if (const auto shown = display.waitForWindow(kTitle, 1s, launcherPid))
             display.requestClose(*shown);
           return launcher->wait(200ms).has_value();
         },
@@ -161,8 +175,9 @@ TEST_F(Launcher, ClosedAnywhereInAJobEndsCleanlyAndTheNextStartHeals) {
   EXPECT_EQ(readBytes(root / "data" / "a.pak") + readBytes(root / "data" / "b.pak"), pack + pack);
 }
 
-// The game starts as a child in the install folder, as from a shell, and the launcher closes;
-// without video, the launcher ends with 1 and says nothing.
+// The game starts as a child in the install folder, as from a shell, and the launcher closes; the
+// terminal it was started from goes with it, and the game lives on. Without video, the launcher
+// ends with 1 and says nothing.
 TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
   prepareInstall(root, std::nullopt);
   fs::copy_file(TH_RECORDER, root / "tarn-hollow");
@@ -170,7 +185,7 @@ TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
   noVideo.env["SDL_VIDEO_DRIVER"] = "no-such-video-driver";
   const ProcessResult r = runProcess({(root / "tarn-hollow-launcher").string()}, noVideo);
   EXPECT_EQ(std::make_pair(r.exitCode, r.out + r.err), std::make_pair(1, std::string()));
-  start();
+  start(true);
   const std::string expected = cleanStartAfter();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
   ASSERT_TRUE(display.key(window, "Return"));
@@ -182,16 +197,20 @@ TEST_F(Launcher, ReturnStartsTheGameInTheInstallFolderAndNoVideoEndsWithOne) {
       started.find("\ncwd=" + fs::canonical(root).string() + "\narg=tarn-hollow\n" + expected),
       std::string::npos)
       << started;
-  EXPECT_NE(started.substr(0, started.find('\n')), "pid=" + std::to_string(launcher->pid()));
+  EXPECT_NE(started.substr(0, started.find('\n')), "pid=" + std::to_string(launcherPid));
 }
 
 // The launcher hands its staged successor to the real helper and quits; the helper swaps it in,
-// keeps the old one with the backups and starts it; Return there starts the game, as from a shell.
+// keeps the old one with the backups and starts it; Return there starts the game. The helper and
+// the successor are each the recorder in front of the real program (NAME.real): they, and the
+// game, get what the first launcher was given.
 TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
-  const std::string running = readBytes(root / "tarn-hollow-launcher");
-  const std::string successor = running + "launcher 1.3.0";  // an ELF loader ignores the tail
-  serve({{"tarn-hollow-launcher", successor, true}, {"tarn-hollow", readBytes(TH_RECORDER), true}});
-  fs::copy_file(TH_UPDATE_HELPER, root / "tarn-hollow-update-helper");
+  const std::string running = readBytes(root / "tarn-hollow-launcher"),
+                    successor = readBytes(TH_RECORDER);
+  serve({{"tarn-hollow-launcher", successor, true}, {"tarn-hollow", successor, true}});
+  fs::copy_file(TH_UPDATE_HELPER, root / "tarn-hollow-update-helper.real");
+  fs::copy_file(TH_RECORDER, root / "tarn-hollow-update-helper");
+  fs::copy_file(TH_LAUNCHER_DEVKEY, root / "tarn-hollow-launcher.real");
   start();
   const std::string expected = cleanStartAfter();
   EXPECT_EQ(launcher->wait(90s), 0);
@@ -201,7 +220,7 @@ TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
       << log();
   // The helper waited for its parent, the launcher, or found it gone already: then its parent is
   // a reaper, never this test, which only a launcher that became the helper itself would leave.
-  const std::string waited = "waiting for launcher (parent " + std::to_string(launcher->pid());
+  const std::string waited = "waiting for launcher (parent " + std::to_string(launcherPid);
   EXPECT_TRUE(log().find(waited + ") to exit\n") != std::string::npos ||
               (log().find("launcher already gone (parent ") != std::string::npos &&
                log().find("(parent " + std::to_string(getpid()) + ")") == std::string::npos))
@@ -223,8 +242,10 @@ TEST_F(Launcher, HandsItsSuccessorToTheHelperWhichSwapsAndRestartsIt) {
         return fs::exists(scratch / "started.txt");
       },
       60s));
-  const std::string started = readBytes(scratch / "started.txt");
-  EXPECT_EQ(started.substr(started.find("nice=")), expected);
+  for (const std::string of : {".tarn-hollow-update-helper", ".tarn-hollow-launcher", ""}) {
+    const std::string started = readBytes(scratch / ("started.txt" + of));
+    EXPECT_EQ(started.substr(started.find("nice=")), expected) << of;
+  }
 }
 
 }  // namespace
