@@ -317,7 +317,7 @@ void compareChecksAndApplies(const Workspace& w, const DataSet& big, const DataS
         const fs::path into = w.runFolder("P3");
         return thenRemove(w.applyPeer(big, true, into), into);
       },
-      1.00);
+      1.30);
   w.compare(
       "P4", "apply, 2,000 files of 8 KiB",
       [&] { return applyCost(w.runFolder("P4"), w.serverOf(many)); },
