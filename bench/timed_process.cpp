@@ -6,10 +6,32 @@
 #include <sys/wait.h>
 #include <time.h>
 
-#include "tests/support/system.h"
+#include <cstring>
+
+extern char** environ;
 
 namespace th::bench {
 namespace {
+
+using Changes = std::map<std::string, std::optional<std::string>>;
+
+// This process's environment with `changes` applied, as NAME=VALUE texts.
+std::vector<std::string> environmentWith(const Changes& changes) {
+  std::vector<std::string> env;
+  for (char** entry = environ; *entry != nullptr; ++entry)
+    if (!changes.contains(std::string(*entry, std::strcspn(*entry, "=")))) env.emplace_back(*entry);
+  for (const auto& [name, value] : changes)
+    if (value) env.push_back(name + "=" + *value);
+  return env;
+}
+
+// The null-terminated array that posix_spawn wants; valid while `texts` lives unchanged.
+std::vector<char*> execArray(std::vector<std::string>& texts) {
+  std::vector<char*> array;
+  for (std::string& text : texts) array.push_back(text.data());
+  array.push_back(nullptr);
+  return array;
+}
 
 double seconds(const rusage& usage) {
   const auto of = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
@@ -19,8 +41,8 @@ double seconds(const rusage& usage) {
 // Spawns `command` and waits for it; the spawn time and the child's resource usage.
 std::optional<std::int64_t> spawnAndWait(const Command& command, rusage& usage) {
   std::vector<std::string> args = command.argv;
-  std::vector<std::string> env = test::childEnvironment({command.env, {}, {}});
-  std::vector<char*> argp = test::pointers(args), envp = test::pointers(env);
+  std::vector<std::string> env = environmentWith(command.env);
+  std::vector<char*> argp = execArray(args), envp = execArray(env);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, command.input.c_str(), O_RDONLY, 0);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -32,8 +33,9 @@ bool somethingAt(const fs::path& path) {
   return type != fs::file_type::none && type != fs::file_type::not_found;
 }
 
+// The last component compared as text: a path object per planned file cost more than the test.
 bool isLauncher(const std::string& relativePath) {
-  return fs::path(relativePath).filename() == launcherBinaryName();
+  return std::string_view(relativePath).substr(relativePath.rfind('/') + 1) == launcherBinaryName();
 }
 
 std::string channelFolderUrl(const std::string& server, const std::string& channel,
@@ -92,10 +94,12 @@ bool downgradeBlocked(const fs::path& root, const std::string& version, std::str
   return true;
 }
 
-bool createWorkFolders(const fs::path& stage, const fs::path& backup, std::string& error) {
+// `backupCreated`: the backup folder did not exist before (stamps of two applies can collide).
+bool createWorkFolders(const fs::path& stage, const fs::path& backup, bool& backupCreated,
+                       std::string& error) {
   std::error_code failure;
   fs::create_directories(stage, failure);
-  fs::create_directories(backup, failure);
+  backupCreated = fs::create_directories(backup, failure);
   if (failure) return fail(error, "update_workdir_failed");
   return true;
 }
@@ -149,41 +153,59 @@ void rollback(const Journal& journal) {
 }
 
 struct InstallPlaces {
-  fs::path staged, installed, backup;
+  fs::path staged, installed;
 };
 
-bool installFile(const PlannedFile& file, const InstallPlaces& places, Journal& journal,
+struct Installation {
+  fs::path backupFolder;
+  Journal journal;
+  // The backup folder is this call's own and nothing has been put into it yet: nothing stands
+  // at any backup place, and a fresh install need not ask the file system so per file.
+  bool backupFolderEmpty = false;
+};
+
+bool backUp(const PlannedFile& file, const fs::path& installed, Installation& installation,
+            std::string& error) {
+  installation.backupFolderEmpty = false;
+  fs::path backup = installation.backupFolder / file.path;
+  std::error_code ignored, failure;
+  fs::create_directories(backup.parent_path(), ignored);
+  fs::rename(installed, backup, failure);
+  if (failure) return fail(error, "update_backup_failed:" + file.path);
+  installation.journal.emplace_back(installed, std::move(backup));
+  return true;
+}
+
+bool installFile(const PlannedFile& file, InstallPlaces places, Installation& installation,
                  std::string& error) {
   std::error_code failure;
   fs::create_directories(places.installed.parent_path(), failure);
   if (failure) return fail(error, "update_destination_failed:" + file.path);
-  if (somethingAt(places.installed)) {
-    std::error_code ignored;
-    fs::create_directories(places.backup.parent_path(), ignored);
-    fs::rename(places.installed, places.backup, failure);
-    if (failure) return fail(error, "update_backup_failed:" + file.path);
-    journal.emplace_back(places.installed, places.backup);
-  }
+  const bool replacing = somethingAt(places.installed);
+  if (replacing && !backUp(file, places.installed, installation, error)) return false;
   fs::rename(places.staged, places.installed, failure);
   if (failure) return fail(error, "update_install_failed:" + file.path);
   // The staged copy had its bit already; this only matters if that chmod failed.
   if (file.executable) ::chmod(places.installed.c_str(), 0755);
-  if (!somethingAt(places.backup)) journal.emplace_back(places.installed, fs::path());
+  // A file new to the install, unless its backup place holds something after all; when the old
+  // file was just moved there, it does.
+  const bool backupStands = replacing || (!installation.backupFolderEmpty &&
+                                          somethingAt(installation.backupFolder / file.path));
+  if (!backupStands) installation.journal.emplace_back(std::move(places.installed), fs::path());
   return true;
 }
 
 // The launcher is never moved into place here: the running process cannot replace itself, so
 // the caller hands the staged copy to the update helper.
 bool installAll(const UpdatePlan& plan, const fs::path& root, const fs::path& stage,
-                const fs::path& backup, Journal& journal, fs::path* stagedLauncher,
-                std::string& error) {
+                Installation& installation, fs::path* stagedLauncher, std::string& error) {
   for (const PlannedFile& file : plan.files) {
-    const InstallPlaces places{stage / file.path, root / file.path, backup / file.path};
+    InstallPlaces places{stage / file.path, root / file.path};
     if (isLauncher(file.path)) {
-      if (stagedLauncher != nullptr) *stagedLauncher = places.staged;
+      if (stagedLauncher != nullptr) *stagedLauncher = std::move(places.staged);
       continue;
     }
-    if (!installFile(file, places, journal, error)) return false;
+    if (!installFile(file, std::move(places), installation, error)) return false;
   }
   return true;
 }
@@ -219,21 +241,22 @@ bool Updater::apply(const UpdatePlan& plan, ProgressCallback progress, std::stri
   const fs::path work = root / ".tarnhollow-update";
   const fs::path stage = work / ("stage-" + stamp);
   const fs::path backup = work / ("backup-" + stamp);
-  if (!createWorkFolders(stage, backup, error)) return false;
+  bool backupCreated = false;
+  if (!createWorkFolders(stage, backup, backupCreated, error)) return false;
   if (!stageAll(plan, server, stage, progress, error)) return false;
   // Every staged byte on disk before a rename can put it in place of the old file, whose name it
   // takes while the old one sits in the backup folder: a power loss would otherwise leave empty
   // files under the new names. One flush of the file system costs far less than one per file.
   flushFileSystem(stage);
-  Journal journal;
-  if (!installAll(plan, root, stage, backup, journal, stagedLauncher, error)) {
-    rollback(journal);
+  Installation installation{backup, {}, backupCreated};
+  if (!installAll(plan, root, stage, installation, stagedLauncher, error)) {
+    rollback(installation.journal);
     return false;
   }
   // Nothing stands between the last rename and the marker: a kill there leaves every file new
   // under the old marker, which no later check repairs (it plans nothing).
   if (!writeTextFile(root / "data" / "game_version", plan.manifest.version + "\n")) {
-    rollback(journal);
+    rollback(installation.journal);
     return fail(error, "version_marker_write_failed");
   }
   // One flush of the whole file system after the marker: every journaling file system here
