@@ -94,12 +94,10 @@ bool downgradeBlocked(const fs::path& root, const std::string& version, std::str
   return true;
 }
 
-// `backupCreated`: the backup folder did not exist before (stamps of two applies can collide).
-bool createWorkFolders(const fs::path& stage, const fs::path& backup, bool& backupCreated,
-                       std::string& error) {
+bool createWorkFolders(const fs::path& stage, const fs::path& backup, std::string& error) {
   std::error_code failure;
   fs::create_directories(stage, failure);
-  backupCreated = fs::create_directories(backup, failure);
+  fs::create_directories(backup, failure);
   if (failure) return fail(error, "update_workdir_failed");
   return true;
 }
@@ -159,14 +157,10 @@ struct InstallPlaces {
 struct Installation {
   fs::path backupFolder;
   Journal journal;
-  // The backup folder is this call's own and nothing has been put into it yet: nothing stands
-  // at any backup place, and a fresh install need not ask the file system so per file.
-  bool backupFolderEmpty = false;
 };
 
 bool backUp(const PlannedFile& file, const fs::path& installed, Installation& installation,
             std::string& error) {
-  installation.backupFolderEmpty = false;
   fs::path backup = installation.backupFolder / file.path;
   std::error_code ignored, failure;
   fs::create_directories(backup.parent_path(), ignored);
@@ -181,17 +175,16 @@ bool installFile(const PlannedFile& file, InstallPlaces places, Installation& in
   std::error_code failure;
   fs::create_directories(places.installed.parent_path(), failure);
   if (failure) return fail(error, "update_destination_failed:" + file.path);
-  const bool replacing = somethingAt(places.installed);
-  if (replacing && !backUp(file, places.installed, installation, error)) return false;
+  if (somethingAt(places.installed) && !backUp(file, places.installed, installation, error))
+    return false;
   fs::rename(places.staged, places.installed, failure);
   if (failure) return fail(error, "update_install_failed:" + file.path);
   // The staged copy had its bit already; this only matters if that chmod failed.
   if (file.executable) ::chmod(places.installed.c_str(), 0755);
-  // A file new to the install, unless its backup place holds something after all; when the old
-  // file was just moved there, it does.
-  const bool backupStands = replacing || (!installation.backupFolderEmpty &&
-                                          somethingAt(installation.backupFolder / file.path));
-  if (!backupStands) installation.journal.emplace_back(std::move(places.installed), fs::path());
+  // Asked of the file system even when the old file was just moved there: two applies in the
+  // same millisecond share the backup folder.
+  if (!somethingAt(installation.backupFolder / file.path))
+    installation.journal.emplace_back(std::move(places.installed), fs::path());
   return true;
 }
 
@@ -241,14 +234,13 @@ bool Updater::apply(const UpdatePlan& plan, ProgressCallback progress, std::stri
   const fs::path work = root / ".tarnhollow-update";
   const fs::path stage = work / ("stage-" + stamp);
   const fs::path backup = work / ("backup-" + stamp);
-  bool backupCreated = false;
-  if (!createWorkFolders(stage, backup, backupCreated, error)) return false;
+  if (!createWorkFolders(stage, backup, error)) return false;
   if (!stageAll(plan, server, stage, progress, error)) return false;
   // Every staged byte on disk before a rename can put it in place of the old file, whose name it
   // takes while the old one sits in the backup folder: a power loss would otherwise leave empty
   // files under the new names. One flush of the file system costs far less than one per file.
   flushFileSystem(stage);
-  Installation installation{backup, {}, backupCreated};
+  Installation installation{backup, {}};
   if (!installAll(plan, root, stage, installation, stagedLauncher, error)) {
     rollback(installation.journal);
     return false;
