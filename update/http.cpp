@@ -1,7 +1,6 @@
 #include "update/http.h"
 
 #include <curl/curl.h>
-#include <dlfcn.h>
 
 #include <fstream>
 #include <memory>
@@ -9,17 +8,17 @@
 #include <system_error>
 #include <utility>
 
+#include "update/dynamic_library.h"
+
 namespace th::update {
 namespace {
 
 // Sized by measurement (docs/BENCHMARKS.md, P3).
 constexpr std::size_t kDownloadBufferBytes = 256 * 1024;
 
-// libcurl's easy interface, loaded when the first request is made. Linked at start-up, libcurl
-// and the thirty-odd libraries it needs would be loaded before the window appears, and every
-// symbol that the X11 and GL libraries look up later would be searched in all of them first;
-// loaded here, with local scope, they cost the launcher's first frame nothing, and a start without
-// a configured server never loads them. Never unloaded.
+// libcurl's easy interface, loaded when the first request is made (`update/dynamic_library.h`):
+// it and the thirty-odd libraries it needs cost the first frame nothing, and a start without a
+// configured server never loads them.
 struct CurlApi {
   CURL* (*easyInit)();
   CURLcode (*easySetopt)(CURL*, CURLoption, ...);
@@ -28,16 +27,10 @@ struct CurlApi {
   const char* (*easyStrerror)(CURLcode);
 };
 
-template <typename Function>
-bool resolve(void* library, const char* name, Function& function) {
-  function = reinterpret_cast<Function>(::dlsym(library, name));
-  return function != nullptr;
-}
-
 std::optional<CurlApi> loadCurl() {
-  void* library = ::dlopen("libcurl.so.4", RTLD_NOW | RTLD_LOCAL);
+  void* library = loadLibrary("libcurl.so.4");
   CurlApi api{};
-  if (library == nullptr || !resolve(library, "curl_easy_init", api.easyInit) ||
+  if (!resolve(library, "curl_easy_init", api.easyInit) ||
       !resolve(library, "curl_easy_setopt", api.easySetopt) ||
       !resolve(library, "curl_easy_perform", api.easyPerform) ||
       !resolve(library, "curl_easy_cleanup", api.easyCleanup) ||

@@ -1,9 +1,5 @@
 #include "update/signature.h"
 
-#include <openssl/bio.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,8 +9,8 @@
 #include <optional>
 #include <vector>
 
+#include "update/crypto_api.h"
 #include "update/file_descriptor.h"
-#include "update/openssl_handles.h"
 #include "update/pinned_key.h"
 #include "update/text_file.h"
 
@@ -38,14 +34,15 @@ std::string hex(const unsigned char* bytes, std::size_t length) {
 // Fetched once: passing EVP_sha256() makes the library look the algorithm up again on every
 // init, a noticeable part of hashing a small file. Read-only once fetched, so threads share it.
 const EVP_MD* sha256Algorithm() {
-  static EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  static EVP_MD* const algorithm =
+      crypto() != nullptr ? crypto()->mdFetch(nullptr, "SHA256", nullptr) : nullptr;
   return algorithm;
 }
 
-DigestContext startSha256() {
+LoadedDigestContext startSha256() {
   const EVP_MD* algorithm = sha256Algorithm();
-  DigestContext context(algorithm != nullptr ? EVP_MD_CTX_new() : nullptr);
-  if (context && EVP_DigestInit_ex(context.get(), algorithm, nullptr) != 1) context.reset();
+  LoadedDigestContext context(algorithm != nullptr ? crypto()->contextNew() : nullptr);
+  if (context && crypto()->digestInit(context.get(), algorithm, nullptr) != 1) context.reset();
   return context;
 }
 
@@ -61,7 +58,7 @@ ssize_t readChunk(int fd, char* chunk) {
 std::string finishSha256(EVP_MD_CTX* context) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  if (EVP_DigestFinal_ex(context, digest, &length) != 1 || length != kDigestBytes) return {};
+  if (crypto()->digestFinal(context, digest, &length) != 1 || length != kDigestBytes) return {};
   return hex(digest, length);
 }
 
@@ -90,9 +87,10 @@ std::optional<std::vector<unsigned char>> decodeHex(std::string_view text) {
 // with a DER signature for EC keys; both over SHA-256.
 bool signatureMatches(EVP_PKEY* key, std::string_view manifest,
                       const std::vector<unsigned char>& signature, EVP_MD_CTX* context) {
-  return EVP_DigestVerifyInit(context, nullptr, EVP_sha256(), nullptr, key) == 1 &&
-         EVP_DigestVerifyUpdate(context, manifest.data(), manifest.size()) == 1 &&
-         EVP_DigestVerifyFinal(context, signature.data(), signature.size()) == 1;
+  const CryptoApi& api = *crypto();
+  return api.verifyInit(context, nullptr, api.sha256(), nullptr, key) == 1 &&
+         api.verifyUpdate(context, manifest.data(), manifest.size()) == 1 &&
+         api.verifyFinal(context, signature.data(), signature.size()) == 1;
 }
 
 bool fail(std::string& error, const char* code) {
@@ -103,15 +101,15 @@ bool fail(std::string& error, const char* code) {
 }  // namespace
 
 std::string sha256Bytes(std::string_view bytes) {
-  DigestContext context = startSha256();
-  if (!context || EVP_DigestUpdate(context.get(), bytes.data(), bytes.size()) != 1) return {};
+  LoadedDigestContext context = startSha256();
+  if (!context || crypto()->digestUpdate(context.get(), bytes.data(), bytes.size()) != 1) return {};
   return finishSha256(context.get());
 }
 
 std::string sha256File(const std::filesystem::path& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (file.get() < 0) return {};
-  DigestContext context = startSha256();
+  LoadedDigestContext context = startSha256();
   if (!context) return {};
   // On the stack and left uninitialised: nothing to allocate or zero-fill per file.
   char chunk[kFileChunkBytes];
@@ -121,7 +119,7 @@ std::string sha256File(const std::filesystem::path& path) {
     // Small files, the bulk of a large install's count, are spared the call.
     if (first && got == static_cast<ssize_t>(kFileChunkBytes))
       ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    if (EVP_DigestUpdate(context.get(), chunk, static_cast<std::size_t>(got)) != 1) return {};
+    if (crypto()->digestUpdate(context.get(), chunk, static_cast<std::size_t>(got)) != 1) return {};
   }
   if (got < 0) return {};
   return finishSha256(context.get());
@@ -137,12 +135,14 @@ bool verifySignedManifest(std::string_view manifest, std::string_view signatureH
   const std::optional<std::vector<unsigned char>> signature = decodeHex(signatureHex);
   if (!signature) return fail(error, "manifest_signature_invalid_hex");
 
-  Bio bio(BIO_new_mem_buf(keyBytes.data(), static_cast<int>(keyBytes.size())));
+  // Reached only with a digest of the key, so libcrypto is loaded.
+  const CryptoApi& api = *crypto();
+  LoadedBio bio(api.memoryBio(keyBytes.data(), static_cast<int>(keyBytes.size())));
   if (!bio) return fail(error, "openssl_bio_failed");
-  Key key(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
+  LoadedKey key(api.readPublicKey(bio.get(), nullptr, nullptr, nullptr));
   bio.reset();
   if (!key) return fail(error, "public_key_parse_failed");
-  DigestContext context(EVP_MD_CTX_new());
+  LoadedDigestContext context(api.contextNew());
   if (!context) return fail(error, "openssl_ctx_failed");
   if (!signatureMatches(key.get(), manifest, *signature, context.get()))
     return fail(error, "manifest_signature_verify_failed");
