@@ -10,10 +10,11 @@
 
 namespace th::publish {
 
-// The header line that lets a shared cache serve the response without revalidating it, or an
-// empty text: a Cache-Control with a positive max-age or s-maxage and none of no-cache,
-// must-revalidate, no-store and private, or, without such a Cache-Control, an Expires later than
-// the response's Date (or `now`, without one).
-std::string staleCachingHeader(const ResponseHeaders& headers, std::time_t now);
+// A shared cache may keep a response fresh, served without asking the server, this long at most.
+constexpr long kFreshEnoughSeconds = 1;
+
+// Why a shared cache may serve the response stale (naming the header that lets it), or an empty
+// text when every cache asks the server first. `now` stands in for a missing Date.
+std::string staleCaching(const ResponseHeaders& headers, std::time_t now);
 
 }  // namespace th::publish

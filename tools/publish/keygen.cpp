@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include "tools/publish/keys.h"
+#include "tools/publish/secret_file.h"
 #include "update/disk_flush.h"
 #include "update/file_descriptor.h"
 #include "update/signature.h"
@@ -14,17 +17,59 @@ namespace th::publish {
 namespace fs = std::filesystem;
 namespace {
 
+// A key file under its temporary name until it is whole and on disk.
+struct KeyFile {
+  fs::path place, temporary;
+  const std::string& bytes;
+  mode_t mode;
+};
+
+fs::path temporaryName(const fs::path& place) {
+  return place.parent_path() /
+         ("." + place.filename().string() + ".new-" + std::to_string(::getpid()));
+}
+
 // Created with its final mode, so the private key is never readable by others, not even briefly.
-bool writeNewFile(const fs::path& path, const std::string& bytes, mode_t mode) {
-  update::FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-  if (file.get() < 0) return false;
+bool writeWhole(const KeyFile& file, std::string& problem) {
+  ::unlink(file.temporary.c_str());  // what a killed run of this process ID left
+  update::FileDescriptor fd(
+      ::open(file.temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, file.mode));
   size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = write(file.get(), bytes.data() + written, bytes.size() - written);
+  while (fd.get() >= 0 && written < file.bytes.size()) {
+    const ssize_t n = ::write(fd.get(), file.bytes.data() + written, file.bytes.size() - written);
+    if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     written += static_cast<size_t>(n);
   }
-  return written == bytes.size() && update::flushToDisk(path) && file.close();
+  if (fd.get() < 0 || written != file.bytes.size() || ::fsync(fd.get()) != 0 || !fd.close()) {
+    problem = file.place.string() + ": cannot be written: " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+// Both files written whole and flushed under temporary names, then linked to their names (which
+// never replaces a file, unlike a rename), and the folder flushed: after a power cut the pair is
+// there whole, or not at all. A failure removes all it made.
+bool placeKeyFiles(const KeyFile (&files)[2], std::vector<std::string>& problems) {
+  std::string problem;
+  size_t placed = 0;
+  bool ok = writeWhole(files[0], problem) && writeWhole(files[1], problem);
+  for (; ok && placed < 2; ++placed) {
+    if (::link(files[placed].temporary.c_str(), files[placed].place.c_str()) != 0) {
+      problem = files[placed].place.string() + ": cannot be written: " + std::strerror(errno);
+      ok = false;
+      break;
+    }
+  }
+  for (const KeyFile& file : files) ::unlink(file.temporary.c_str());
+  for (size_t i = 0; !ok && i < placed; ++i) ::unlink(files[i].place.c_str());
+  if (ok && !update::flushToDisk(files[0].place.parent_path())) {
+    problem = files[0].place.parent_path().string() + ": cannot be flushed to disk";
+    ok = false;
+  }
+  if (!ok) problems.push_back(problem);
+  return ok;
 }
 
 }  // namespace
@@ -56,11 +101,12 @@ bool generateKeyPair(const KeygenOptions& options, KeygenResult& result,
     problems.push_back("key generation failed: " + code);
     return false;
   }
-  if (!writeNewFile(made.privateKey, privatePem, 0600) ||
-      !writeNewFile(made.publicKey, publicPem, 0644)) {
-    problems.push_back(out.string() + ": cannot write the key files");
-    return false;
-  }
+  const bool placed =
+      placeKeyFiles({{made.privateKey, temporaryName(made.privateKey), privatePem, 0600},
+                     {made.publicKey, temporaryName(made.publicKey), publicPem, 0644}},
+                    problems);
+  wipe(privatePem);
+  if (!placed) return false;
   made.fingerprint = update::sha256Bytes(publicPem);
   result = made;
   return true;

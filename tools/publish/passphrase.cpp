@@ -5,38 +5,92 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <array>
+#include <csignal>
 #include <cstdlib>
 
+#include "tools/publish/secret_file.h"
 #include "update/file_descriptor.h"
-#include "update/text_file.h"
 
 namespace th::publish {
 namespace {
 
-void wipe(std::string& text) {
-  OPENSSL_cleanse(text.data(), text.size());
-  text.clear();
-}
-
-// The text up to the first line end; the rest of `text` is wiped.
-std::string firstLine(std::string& text) {
-  std::string line = text.substr(0, text.find_first_of("\r\n"));
-  wipe(text);
-  return line;
-}
-
-// One line from the terminal with echo off; false when there is no terminal.
-bool askTerminal(int tty, const std::string& prompt, std::string& line) {
-  termios saved{};
-  if (::tcgetattr(tty, &saved) != 0) return false;
-  termios quiet = saved;
-  quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-  if (::write(tty, prompt.data(), prompt.size()) < 0 || ::tcsetattr(tty, TCSAFLUSH, &quiet) != 0) {
-    return false;
+// One trailing line end dropped; empty when the passphrase is fine, else why not.
+std::string asOneLine(std::string& text) {
+  if (text.ends_with('\n')) text.pop_back();
+  if (text.ends_with('\r')) text.pop_back();
+  if (text.empty()) return "the passphrase is empty";
+  if (text.find_first_of("\r\n") != std::string::npos)
+    return "the passphrase is more than one line";
+  if (text.size() > kMaxPassphraseBytes) {
+    return "the passphrase is longer than " + std::to_string(kMaxPassphraseBytes) + " bytes";
   }
-  line.clear();
-  for (char c; ::read(tty, &c, 1) == 1 && c != '\n';) line += c;
-  ::tcsetattr(tty, TCSAFLUSH, &saved);
+  return {};
+}
+
+// The terminal's settings while echo is off, for the signal handler to put back.
+int gTerminal = -1;
+termios gSettings{};
+constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+extern "C" void restoreAndDie(int signal) {
+  ::tcsetattr(gTerminal, TCSANOW, &gSettings);
+  ::raise(signal);  // the default action, reset on entry, once this handler returns
+}
+
+// Echo off for its lifetime; the terminal's settings come back on every way out, a signal that
+// ends the process included.
+class EchoOff {
+ public:
+  explicit EchoOff(int tty) : tty_(tty) {
+    if (::tcgetattr(tty, &gSettings) != 0) return;
+    gTerminal = tty;
+    struct sigaction action {};
+    action.sa_handler = restoreAndDie;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+      ::sigaction(kSignals[i], nullptr, &previous_[i]);
+      if (previous_[i].sa_handler != SIG_IGN) ::sigaction(kSignals[i], &action, nullptr);
+    }
+    termios quiet = gSettings;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    on_ = ::tcsetattr(tty, TCSAFLUSH, &quiet) == 0;
+  }
+  ~EchoOff() {
+    if (gTerminal < 0) return;
+    ::tcsetattr(tty_, TCSAFLUSH, &gSettings);
+    for (std::size_t i = 0; i < kSignals.size(); ++i)
+      ::sigaction(kSignals[i], &previous_[i], nullptr);
+    gTerminal = -1;
+  }
+  EchoOff(const EchoOff&) = delete;
+  EchoOff& operator=(const EchoOff&) = delete;
+  bool on() const { return on_; }
+
+ private:
+  int tty_;
+  bool on_ = false;
+  std::array<struct sigaction, kSignals.size()> previous_{};
+};
+
+// One line from the terminal with echo off; false when there is no terminal. The line is read
+// into a buffer of fixed size, wiped afterwards; a longer line is cut one byte past the limit.
+bool askTerminal(int tty, const std::string& prompt, std::string& line) {
+  if (::write(tty, prompt.data(), prompt.size()) < 0) return false;
+  std::array<char, kMaxPassphraseBytes + 1> buffer;
+  std::size_t length = 0;
+  {
+    const EchoOff quiet(tty);
+    if (!quiet.on()) return false;
+    for (char c; ::read(tty, &c, 1) == 1 && c != '\n';) {
+      if (length < buffer.size()) buffer[length++] = c;
+    }
+  }
+  wipe(line);
+  line.reserve(buffer.size());
+  line.assign(buffer.data(), length);
+  OPENSSL_cleanse(buffer.data(), buffer.size());
   return ::write(tty, "\n", 1) == 1;
 }
 
@@ -63,18 +117,26 @@ Passphrase::~Passphrase() { wipe(text_); }
 
 bool Passphrase::read(const PassphraseSource& source, const std::string& prompt, bool confirm,
                       std::string& problem) {
+  std::string where;
   if (!source.file.empty()) {
-    std::string bytes = update::readTextFile(source.file);
-    text_ = firstLine(bytes);
-    if (text_.empty()) problem = source.file.string() + ": holds no passphrase";
+    mode_t mode = 0;
+    where = source.file.string() + ": ";
+    if (!readSecretFile(source.file, text_, mode, problem)) {
+      problem = where + problem;
+      return false;
+    }
   } else if (!source.variable.empty()) {
+    where = "--passphrase-env " + source.variable + ": ";
     const char* value = std::getenv(source.variable.c_str());
-    text_ = value != nullptr ? value : "";
-    if (text_.empty())
-      problem = "--passphrase-env " + source.variable + ": no such variable, or empty";
-  } else if (fromTerminal(prompt, confirm, text_, problem) && text_.empty()) {
-    problem = "an empty passphrase";
+    if (value == nullptr) {
+      problem = where + "no such variable";
+      return false;
+    }
+    text_ = value;
+  } else {
+    if (!fromTerminal(prompt, confirm, text_, problem)) return false;
   }
+  if (const std::string wrong = asOneLine(text_); !wrong.empty()) problem = where + wrong;
   return problem.empty();
 }
 

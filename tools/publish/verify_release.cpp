@@ -69,10 +69,8 @@ void noteCaching(const std::string& name, const std::string& url,
     warnings.push_back(name + ": its headers cannot be fetched: " + error);
     return;
   }
-  const std::string header = staleCachingHeader(headers, std::time(nullptr));
-  if (!header.empty()) {
-    warnings.push_back(name + ": \"" + header +
-                       "\" lets a shared cache serve it stale, without asking the server");
+  if (const std::string why = staleCaching(headers, std::time(nullptr)); !why.empty()) {
+    warnings.push_back(name + ": " + why);
   }
 }
 
