@@ -200,10 +200,11 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
 TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   Studio s;
   // Which names the launcher refuses is the engine's own table; one of them stands for all here.
-  for (const char* name :
-       {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
-        "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme", ".tarnhollow-update",
-        "100%.txt", "data/update_server.txt", "save", "esc\x1b[2Jape"})
+  for (const char* name : {"data/update_public_key.pem", "caf\xc3\xa9.txt", "data/game_version",
+                           "bin/tarn-hollow-launcher", "tarn-hollow-update-helper/readme",
+                           ".tarnhollow-update", "100%.txt", "data/update_server.txt", "save",
+                           "esc\x1b[2J\x9b"
+                           "ape"})
     writeBytes(s.release / name, "x");
   fs::create_symlink("../../notes", s.release / "data" / "up");
   fs::create_symlink("levels", s.release / "data" / "folder");
@@ -223,7 +224,7 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
       "caf\xc3\xa9.txt: characters the launcher",         "data/folder: symbolic link to a folder",
       "data/game_version: the launcher's version marker", "data/up: symbolic link leaving",
       "data/update_public_key.pem: the launcher refuses", "data/update_server.txt: each player's",
-      "esc\\x1b[2Jape: characters the launcher",          "pipe: not a regular file",
+      "esc\\x1b[2J\\x9bape: characters the launcher",     "pipe: not a regular file",
       "save: would displace the folder of the player's",  "tarn-hollow-update-helper/readme: lies"};
   problems.insert(problems.end(), entries.begin(), entries.end());
   s.expectRefused(s.args("1..2",
@@ -470,6 +471,10 @@ TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
        "\"Surrogate-Control: max-age=600\""},
       {"add_header Expires \"Sunday, 06-Nov-2044 08:49:37 GMT\";", "\"Expires: Sunday"},
       {"add_header Cache-Control \"s-maxage=0, max-age=3600\";", ""},
+      {"add_header Cache-Control \"private, max-age=600\";", ""},
+      {"add_header Cache-Control \"no-store, max-age=600\";", ""},
+      {"add_header Surrogate-Control \"no-store, max-age=600\"; add_header Cache-Control no-cache;",
+       ""},
   };
   std::string locations = shipped;
   for (size_t i = 0; i < std::size(table); ++i) {
