@@ -10,10 +10,10 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/publish/keygen.h"
+#include "tools/publish/keys/keygen.h"
 #include "tools/publish/options.h"
-#include "tools/publish/publish_release.h"
-#include "tools/publish/verify_release.h"
+#include "tools/publish/release/publish_release.h"
+#include "tools/publish/verify/verify_release.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/publish/cache_headers.h"
+#include "tools/publish/verify/cache_headers.h"
 
 #include <curl/curl.h>
 

@@ -1,11 +1,11 @@
-#include "tools/publish/release_scan.h"
+#include "tools/publish/release/release_scan.h"
 
 #include <algorithm>
 #include <cctype>
 #include <string_view>
 #include <system_error>
 
-#include "tools/publish/install_names.h"
+#include "tools/publish/release/install_names.h"
 #include "update/safe_path.h"
 
 namespace th::publish {

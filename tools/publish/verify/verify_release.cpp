@@ -1,4 +1,4 @@
-#include "tools/publish/verify_release.h"
+#include "tools/publish/verify/verify_release.h"
 
 #include <stdlib.h>
 
@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "tools/publish/cache_headers.h"
 #include "tools/publish/progress.h"
+#include "tools/publish/verify/cache_headers.h"
 #include "update/http.h"
 #include "update/manifest.h"
 #include "update/signature.h"

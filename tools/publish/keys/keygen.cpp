@@ -1,4 +1,4 @@
-#include "tools/publish/keygen.h"
+#include "tools/publish/keys/keygen.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <system_error>
 
-#include "tools/publish/keys.h"
-#include "tools/publish/secret_file.h"
+#include "tools/publish/keys/keys.h"
+#include "tools/publish/keys/secret_file.h"
 #include "update/disk_flush.h"
 #include "update/file_descriptor.h"
 #include "update/signature.h"

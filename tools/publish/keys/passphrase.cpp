@@ -1,4 +1,4 @@
-#include "tools/publish/passphrase.h"
+#include "tools/publish/keys/passphrase.h"
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
@@ -9,7 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "tools/publish/secret_file.h"
+#include "tools/publish/keys/secret_file.h"
 #include "update/file_descriptor.h"
 
 namespace th::publish {

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <string>
 
-#include "tools/publish/served_headers.h"
+#include "tools/publish/verify/served_headers.h"
 
 namespace th::publish {
 

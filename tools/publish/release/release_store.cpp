@@ -1,4 +1,4 @@
-#include "tools/publish/release_store.h"
+#include "tools/publish/release/release_store.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "tools/publish/publish_release.h"
+#include "tools/publish/release/publish_release.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <system_error>
 
-#include "tools/publish/keys.h"
-#include "tools/publish/manifest_json.h"
+#include "tools/publish/keys/keys.h"
 #include "tools/publish/progress.h"
-#include "tools/publish/release_copy.h"
-#include "tools/publish/release_scan.h"
-#include "tools/publish/release_store.h"
+#include "tools/publish/release/manifest_json.h"
+#include "tools/publish/release/release_copy.h"
+#include "tools/publish/release/release_scan.h"
+#include "tools/publish/release/release_store.h"
 #include "update/manifest.h"
 #include "update/pinned_key.h"
 #include "update/platform.h"

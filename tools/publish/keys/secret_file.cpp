@@ -1,4 +1,4 @@
-#include "tools/publish/secret_file.h"
+#include "tools/publish/keys/secret_file.h"
 
 #include <fcntl.h>
 #include <openssl/crypto.h>

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/publish/passphrase.h"
+#include "tools/publish/keys/passphrase.h"
 #include "update/openssl_handles.h"
 
 namespace th::publish {

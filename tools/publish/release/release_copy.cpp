@@ -1,4 +1,4 @@
-#include "tools/publish/release_copy.h"
+#include "tools/publish/release/release_copy.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 #include <vector>
 
-#include "tools/publish/keys.h"
+#include "tools/publish/keys/keys.h"
 #include "update/openssl_handles.h"
 
 namespace th::publish {

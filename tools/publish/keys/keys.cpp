@@ -1,4 +1,4 @@
-#include "tools/publish/keys.h"
+#include "tools/publish/keys/keys.h"
 
 #include <openssl/bio.h>
 #include <openssl/pem.h>
@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <vector>
 
-#include "tools/publish/passphrase.h"
-#include "tools/publish/secret_file.h"
+#include "tools/publish/keys/passphrase.h"
+#include "tools/publish/keys/secret_file.h"
 
 namespace th::publish {
 namespace {
