@@ -104,8 +104,8 @@ void judgeKeyFile(const fs::path& file, const LoadedKey& loaded, Problems& probl
                   Problems& warnings) {
   if (loaded.encrypted) return;
   if ((loaded.mode & 077) != 0) {
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(loaded.mode));
+    char mode[16];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(loaded.mode & 07777));
     problems.push_back(file.string() + ": a key in the clear that group or others may open (mode " +
                        mode + "); chmod 600 it, or better, encrypt it");
   } else {
