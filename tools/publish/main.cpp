@@ -3,15 +3,17 @@
 // served release as a player's launcher would see it.
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "tools/publish/keygen.h"
+#include "tools/publish/keys/keygen.h"
 #include "tools/publish/options.h"
-#include "tools/publish/publish_release.h"
-#include "tools/publish/verify_release.h"
+#include "tools/publish/release/publish_release.h"
+#include "tools/publish/verify/verify_release.h"
 
 namespace {
 
@@ -21,19 +23,40 @@ constexpr int kExitDone = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 
+// The length of the well-formed UTF-8 sequence at the start of `text` when it encodes a code point
+// from U+00A0 up (C1 controls, U+0080 to U+009F, excluded), or 0.
+std::size_t printableUtf8(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const std::size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : byte(0) >= 0xc0 ? 2 : 0;
+  if (length == 0 || byte(0) > 0xf4 || text.size() < length) return 0;
+  std::uint32_t point = byte(0) & (0x7f >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+    point = point << 6 | (byte(i) & 0x3f);
+  }
+  static constexpr std::uint32_t kSmallest[] = {0, 0, 0xa0, 0x800, 0x10000};
+  const bool surrogate = point >= 0xd800 && point <= 0xdfff;
+  return point >= kSmallest[length] && point <= 0x10ffff && !surrogate ? length : 0;
+}
+
 // File names and paths come from the studio's folders and from servers: a control character in
-// one (an escape sequence, a line end) is shown as \xNN, so that it can neither drive the
-// terminal nor forge a line of the report.
+// one (an escape sequence, a line end, a C1 control that a terminal reading 8-bit controls obeys)
+// or a byte outside well-formed UTF-8 is shown as \xNN, so that it can neither drive the terminal
+// nor forge a line of the report.
 std::string printable(const std::string& text) {
   std::string shown;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7f) {
-      shown += c;
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const std::size_t length = byte < 0x80 ? (byte >= 0x20 && byte != 0x7f)
+                                           : printableUtf8(std::string_view(text).substr(i));
+    if (length > 0) {
+      shown.append(text, i, length);
+      i += length;
       continue;
     }
     static constexpr char kDigits[] = "0123456789abcdef";
     ((shown += "\\x") += kDigits[byte >> 4]) += kDigits[byte & 15];
+    ++i;
   }
   return shown;
 }
@@ -54,13 +77,21 @@ int refused(const std::vector<std::string>& problems) {
   return failed("refused, nothing was published", problems);
 }
 
+void warn(const std::vector<std::string>& warnings) {
+  for (const std::string& warning : warnings) {
+    std::cerr << "tarn-hollow-publish: warning: " << printable(warning) << '\n';
+  }
+}
+
 int keygen(const Args& args) {
   th::publish::KeygenOptions options;
   std::string error;
   if (!th::publish::parseKeygenOptions(args, options, error)) return usageError(error, "keygen");
   th::publish::KeygenResult result;
   std::vector<std::string> problems;
-  if (!th::publish::generateKeyPair(options, result, problems)) return refused(problems);
+  if (!th::publish::generateKeyPair(options, result, problems)) {
+    return failed("refused, no key was made", problems);
+  }
   std::cout << "private key: " << printable(result.privateKey.string()) << " (keep it secret)\n"
             << "public key:  " << printable(result.publicKey.string())
             << " (ship it as data/update_public_key.pem)\n"
@@ -75,7 +106,9 @@ int release(const Args& args) {
   if (!th::publish::parseReleaseOptions(args, options, error)) return usageError(error, "release");
   th::publish::PublishSummary summary;
   std::vector<std::string> problems;
-  if (!th::publish::publishRelease(options, summary, problems)) return refused(problems);
+  const bool published = th::publish::publishRelease(options, summary, problems);
+  warn(summary.warnings);
+  if (!published) return refused(problems);
   std::cout << "published " << options.version << " (" << options.channel << '/' << options.platform
             << "): " << summary.files << " files, " << summary.bytes << " bytes, in "
             << printable(summary.channelFolder.string()) << '\n';
@@ -93,9 +126,7 @@ int verify(const Args& args) {
   th::publish::VerifySummary summary;
   std::vector<std::string> problems;
   const bool good = th::publish::verifyRelease(options, summary, problems);
-  for (const std::string& warning : summary.warnings) {
-    std::cerr << "tarn-hollow-publish: warning: " << printable(warning) << '\n';
-  }
+  warn(summary.warnings);
   if (!good) {
     return failed(summary.folderUrl + " does not serve a good release", problems);
   }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/publish/passphrase.h"
+#include "tools/publish/keys/passphrase.h"
 
 namespace th::publish {
 

@@ -1,11 +1,11 @@
-#include "tools/publish/release_scan.h"
+#include "tools/publish/release/release_scan.h"
 
 #include <algorithm>
 #include <cctype>
 #include <string_view>
 #include <system_error>
 
-#include "tools/publish/install_names.h"
+#include "tools/publish/release/install_names.h"
 #include "update/safe_path.h"
 
 namespace th::publish {
@@ -32,17 +32,17 @@ std::string judge(const fs::directory_entry& entry, const fs::path& realRoot, Re
     return "characters the launcher cannot fetch (names may hold letters, digits and "
            "- . _ ~ ! $ & ' ( ) * + , ; = @)";
   }
-  file.source = entry.path();
+  fs::path source = entry.path();
   if (entry.is_symlink(error)) {
-    const fs::path target = fs::canonical(entry.path(), error);
+    source = fs::canonical(entry.path(), error);
     if (error) return "cannot be read (broken symbolic link: " + error.message() + ")";
-    if (!isWithin(target, realRoot)) return "symbolic link leaving the release folder";
-    file.source = target;
+    if (!isWithin(source, realRoot)) return "symbolic link leaving the release folder";
   }
-  const fs::file_status status = fs::status(file.source, error);
+  const fs::file_status status = fs::status(source, error);
   if (fs::is_directory(status)) return "symbolic link to a folder (link the files instead)";
   if (!fs::is_regular_file(status)) return "not a regular file";
-  file.size = fs::file_size(file.source, error);
+  file.source = source.lexically_relative(realRoot).generic_string();
+  file.size = fs::file_size(source, error);
   return {};
 }
 

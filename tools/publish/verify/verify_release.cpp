@@ -1,4 +1,4 @@
-#include "tools/publish/verify_release.h"
+#include "tools/publish/verify/verify_release.h"
 
 #include <stdlib.h>
 
@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "tools/publish/cache_headers.h"
 #include "tools/publish/progress.h"
+#include "tools/publish/verify/cache_headers.h"
 #include "update/http.h"
 #include "update/manifest.h"
 #include "update/signature.h"
@@ -69,10 +69,8 @@ void noteCaching(const std::string& name, const std::string& url,
     warnings.push_back(name + ": its headers cannot be fetched: " + error);
     return;
   }
-  const std::string header = staleCachingHeader(headers, std::time(nullptr));
-  if (!header.empty()) {
-    warnings.push_back(name + ": \"" + header +
-                       "\" lets a shared cache serve it stale, without asking the server");
+  if (const std::string why = staleCaching(headers, std::time(nullptr)); !why.empty()) {
+    warnings.push_back(name + ": " + why);
   }
 }
 

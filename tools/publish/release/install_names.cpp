@@ -1,4 +1,4 @@
-#include "tools/publish/install_names.h"
+#include "tools/publish/release/install_names.h"
 
 #include <array>
 #include <filesystem>

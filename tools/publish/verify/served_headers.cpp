@@ -1,4 +1,4 @@
-#include "tools/publish/served_headers.h"
+#include "tools/publish/verify/served_headers.h"
 
 #include <curl/curl.h>
 

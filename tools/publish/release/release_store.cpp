@@ -1,7 +1,6 @@
-#include "tools/publish/release_store.h"
+#include "tools/publish/release/release_store.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -92,6 +91,9 @@ ReleaseStore::~ReleaseStore() {
   std::error_code ignored;
   fs::remove(link_, ignored);
   if (!folder_.empty()) fs::remove_all(folder_, ignored);
+  // Only the holder of the lock may remove the folders: another run may be using them already.
+  if (!lock_) return;
+  if (!created_.empty()) fs::remove(lockPath(), ignored);
   for (const fs::path& folder : created_) fs::remove(folder, ignored);  // only while empty
 }
 
@@ -129,29 +131,37 @@ bool ReleaseStore::createReleasesFolder(Problems& problems) {
 bool ReleaseStore::lock(bool wait, Problems& problems) {
   for (;;) {
     if (!createReleasesFolder(problems)) return false;
-    update::FileDescriptor folder(::open(releases_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.get() < 0 || !lockFolder(folder.get(), wait, problems)) {
-      if (folder.get() < 0) problems.push_back(releases_.string() + ": cannot be opened");
+    update::FileDescriptor file(
+        ::open(lockPath().c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (file.get() < 0) {
+      const std::error_code why(errno, std::generic_category());
+      problems.push_back(problemAt(lockPath(), "cannot be opened", why));
       return false;
     }
-    // A publisher that failed removed the folders it had created, perhaps the very one this run
-    // waited for: then it starts over with the folder now at that place.
+    if (!takeLock(file.get(), wait, problems)) return false;
+    // A publisher that failed removed the folders it had created, perhaps the very lock file this
+    // run waited for: then it starts over with the file now at that place.
     struct stat locked;
     struct stat now;
-    if (::fstat(folder.get(), &locked) == 0 && ::stat(releases_.c_str(), &now) == 0 &&
+    if (::fstat(file.get(), &locked) == 0 && ::stat(lockPath().c_str(), &now) == 0 &&
         locked.st_dev == now.st_dev && locked.st_ino == now.st_ino) {
-      lock_.emplace(std::move(folder));
+      lock_.emplace(std::move(file));
       return true;
     }
   }
 }
 
-bool ReleaseStore::lockFolder(int folder, bool wait, Problems& problems) {
-  if (::flock(folder, LOCK_EX | LOCK_NB) == 0) return true;
+// An open file description lock: unlike flock, NFS passes it to the server, so that publishers
+// on two machines sharing a server root exclude each other too.
+bool ReleaseStore::takeLock(int file, bool wait, Problems& problems) {
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  if (::fcntl(file, F_OFD_SETLK, &whole) == 0) return true;
   const int why = errno;
   const std::string what = channel_.filename().string() + "/" + served_.filename().string();
-  if (why != EWOULDBLOCK) {
-    problems.push_back(problemAt(releases_, "cannot be locked", {why, std::generic_category()}));
+  if (why != EAGAIN && why != EACCES) {
+    problems.push_back(problemAt(lockPath(), "cannot be locked", {why, std::generic_category()}));
     return false;
   }
   if (!wait) {
@@ -162,9 +172,9 @@ bool ReleaseStore::lockFolder(int folder, bool wait, Problems& problems) {
   std::fprintf(stderr, "tarn-hollow-publish: waiting for another release of %s to finish\n",
                what.c_str());
   int result;
-  while ((result = ::flock(folder, LOCK_EX)) != 0 && errno == EINTR) {
+  while ((result = ::fcntl(file, F_OFD_SETLKW, &whole)) != 0 && errno == EINTR) {
   }
-  if (result != 0) problems.push_back(releases_.string() + ": cannot be locked");
+  if (result != 0) problems.push_back(lockPath().string() + ": cannot be locked");
   return result == 0;
 }
 
@@ -197,6 +207,7 @@ bool ReleaseStore::makeCurrent(Problems& problems) {
     return false;
   }
   std::error_code error;
+  fs::remove(link_, error);  // left by a killed run that had this process ID
   fs::create_symlink(folder_.lexically_relative(channel_), link_, error);
   if (error) {
     problems.push_back(problemAt(link_, "cannot be created", error));
@@ -231,10 +242,15 @@ std::size_t ReleaseStore::prune(std::size_t keep) {
   const std::size_t current = sequenceOf(fs::read_symlink(served_, error).filename().string());
   std::size_t kept = 0, removed = 0;
   for (const auto& [sequence, folder] : releasesIn(releases_)) {
-    // Only finished releases, the current one and older: a folder without its signature, or a
-    // newer one, is a publisher's work under way or what a killed one left.
-    if (sequence > current || !fs::exists(folder / "manifest.sig", error)) continue;
-    if (++kept <= keep || fs::equivalent(served_, folder, error)) continue;
+    // Under the lock no other run is filling a folder: one without its signature is what a
+    // killed run left, never served. A finished one newer than the current one stays, to be made
+    // current again.
+    const bool finished = fs::exists(folder / "manifest.sig", error);
+    if (fs::equivalent(served_, folder, error)) {
+      ++kept;
+      continue;
+    }
+    if (finished && (sequence > current || ++kept <= keep)) continue;
     fs::remove_all(folder, error);
     if (!error) ++removed;
   }

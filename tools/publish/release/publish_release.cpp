@@ -1,4 +1,4 @@
-#include "tools/publish/publish_release.h"
+#include "tools/publish/release/publish_release.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <system_error>
 
-#include "tools/publish/keys.h"
-#include "tools/publish/manifest_json.h"
+#include "tools/publish/keys/keys.h"
 #include "tools/publish/progress.h"
-#include "tools/publish/release_copy.h"
-#include "tools/publish/release_scan.h"
-#include "tools/publish/release_store.h"
+#include "tools/publish/release/manifest_json.h"
+#include "tools/publish/release/release_copy.h"
+#include "tools/publish/release/release_scan.h"
+#include "tools/publish/release/release_store.h"
 #include "update/manifest.h"
 #include "update/pinned_key.h"
 #include "update/platform.h"
@@ -95,24 +95,42 @@ void checkValues(const ReleaseOptions& options, std::string& notes, Problems& pr
 }
 
 struct SigningKey {
-  PrivateKey key;
+  LoadedKey loaded;
   std::string publicPem;
 };
+
+// A key in the clear signs for whoever reads the file: it may be open to its owner alone.
+void judgeKeyFile(const fs::path& file, const LoadedKey& loaded, Problems& problems,
+                  Problems& warnings) {
+  if (loaded.encrypted) return;
+  if ((loaded.mode & 077) != 0) {
+    char mode[16];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(loaded.mode & 07777));
+    problems.push_back(file.string() + ": a key in the clear that group or others may open (mode " +
+                       mode + "); chmod 600 it, or better, encrypt it");
+  } else {
+    warnings.push_back(file.string() +
+                       ": the signing key is not encrypted; anyone who reads the file can sign "
+                       "releases");
+  }
+}
 
 // The key must sign, and its public half must be the key that this build's engine pins, or the
 // launchers built alongside would refuse every release signed with it.
 void checkKey(const fs::path& file, const PassphraseSource& passphrase, SigningKey& signing,
-              Problems& problems) {
+              Problems& problems, Problems& warnings) {
   std::string error, probe;
-  if (!loadPrivateKey(file, passphrase, signing.key, error)) {
+  if (!loadPrivateKey(file, passphrase, signing.loaded, error)) {
     problems.push_back(file.string() + ": " + error);
     return;
   }
-  if (!publicKeyPem(signing.key.get(), signing.publicPem, error)) {
+  judgeKeyFile(file, signing.loaded, problems, warnings);
+  EVP_PKEY* key = signing.loaded.key.get();
+  if (!publicKeyPem(key, signing.publicPem, error)) {
     problems.push_back(file.string() + ": its public key cannot be encoded");
     return;
   }
-  if (!signSha256(signing.key.get(), "probe", probe, error)) {
+  if (!signSha256(key, "probe", probe, error)) {
     problems.push_back(file.string() + ": this key cannot make SHA-256 signatures (use EC or RSA)");
     return;
   }
@@ -125,7 +143,9 @@ void checkKey(const fs::path& file, const PassphraseSource& passphrase, SigningK
 }
 
 // Hard-links the served release's copy when the opened file has the same size and digest: a
-// one-file patch of a large game costs one file's copy, not the game's.
+// one-file patch of a large game costs one file's copy, not the game's. The link is hashed
+// again, so that a served file damaged on disk is copied afresh, not carried into every later
+// release.
 bool linkUnchanged(const ReleaseFile& file, const OpenedFile& opened, const ReleaseStore& store,
                    const fs::path& place, update::ManifestFile& entry) {
   const update::ManifestFile* served = store.servedEntry(file.path);
@@ -142,6 +162,10 @@ bool linkUnchanged(const ReleaseFile& file, const OpenedFile& opened, const Rele
   }
   fs::create_hard_link(servedFile, place, error);
   if (error) return false;
+  if (update::sha256File(place) != digest) {
+    fs::remove(place, error);
+    return false;
+  }
   entry = {file.path, served->sha256, served->size, opened.executable};
   return true;
 }
@@ -161,8 +185,9 @@ bool copyChanged(const ReleaseFile& file, const OpenedFile& opened, const Releas
   return true;
 }
 
-void fillRelease(const std::vector<ReleaseFile>& files, const ReleaseStore& store,
-                 update::Manifest& manifest, std::size_t& linked, Problems& problems) {
+void fillRelease(const ReleaseTree& tree, const std::vector<ReleaseFile>& files,
+                 const ReleaseStore& store, update::Manifest& manifest, std::size_t& linked,
+                 Problems& problems) {
   std::uint64_t total = 0;
   for (const ReleaseFile& file : files) total += file.size;
   HashProgress progress(stderr, files.size(), total);
@@ -173,7 +198,7 @@ void fillRelease(const std::vector<ReleaseFile>& files, const ReleaseStore& stor
     std::optional<OpenedFile> opened;
     std::string problem;
     update::ManifestFile entry;
-    if (!openReleaseFile(file.source, opened, problem)) {
+    if (!tree.openFile(file.source, opened, problem)) {
       problems.push_back(file.path + ": " + problem);
       continue;
     }
@@ -242,19 +267,20 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
   SigningKey signing;
   std::vector<ReleaseFile> files;
   checkValues(options, notes, problems);
-  checkKey(options.key, options.passphrase, signing, problems);
-  scanRelease(options.from, files, problems);
+  checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
+  const ReleaseTree tree(options.from);
+  scanRelease(tree.path(), files, problems);
   ReleaseStore store(options.serverRoot, options.channel, options.platform);
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems) ||
       !store.create(options.version, problems)) {
     return false;
   }
   update::Manifest manifest = manifestHeader(options, notes);
-  fillRelease(files, store, manifest, summary.linked, problems);
+  fillRelease(tree, files, store, manifest, summary.linked, problems);
   if (!problems.empty()) return false;
   const std::string json = manifestJson(manifest);
   std::string signature, error;
-  if (!signSha256(signing.key.get(), json, signature, error)) {
+  if (!signSha256(signing.loaded.key.get(), json, signature, error)) {
     problems.push_back(options.key.string() + ": signing failed: " + error);
     return false;
   }

@@ -1,4 +1,4 @@
-#include "tools/publish/manifest_json.h"
+#include "tools/publish/release/manifest_json.h"
 
 #include <algorithm>
 

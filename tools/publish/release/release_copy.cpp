@@ -1,14 +1,17 @@
-#include "tools/publish/release_copy.h"
+#include "tools/publish/release/release_copy.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
-#include "tools/publish/keys.h"
+#include "tools/publish/keys/keys.h"
 #include "update/openssl_handles.h"
 
 namespace th::publish {
@@ -37,15 +40,53 @@ std::string hexDigest(EVP_MD_CTX* context) {
   return hexOf({digest, digest + length});
 }
 
+// Non-blocking, so that a pipe put in the file's place cannot stall the open.
+constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+// Element by element, each opened beneath the last without following a link: for kernels
+// without openat2.
+int openByWalk(int root, const std::string& relative) {
+  std::optional<update::FileDescriptor> folder;
+  folder.emplace(::fcntl(root, F_DUPFD_CLOEXEC, 0));
+  std::size_t start = 0;
+  for (std::size_t slash; (slash = relative.find('/', start)) != std::string::npos;
+       start = slash + 1) {
+    const std::string name = relative.substr(start, slash - start);
+    const int next =
+        ::openat(folder->get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (next < 0) return -1;
+    folder.emplace(next);
+  }
+  return ::openat(folder->get(), relative.c_str() + start, kReadFlags);
+}
+
+int openBeneath(int root, const std::string& relative) {
+  open_how how{};
+  how.flags = kReadFlags;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+  const long fd = ::syscall(SYS_openat2, root, relative.c_str(), &how, sizeof how);
+  if (fd < 0 && errno == ENOSYS) return openByWalk(root, relative);
+  return static_cast<int>(fd);
+}
+
 }  // namespace
 
-bool openReleaseFile(const fs::path& source, std::optional<OpenedFile>& file,
-                     std::string& problem) {
-  // Non-blocking, so that a pipe put in the file's place cannot stall the open.
-  update::FileDescriptor fd(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+ReleaseTree::ReleaseTree(const fs::path& root)
+    : root_(::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)), path_(root) {
+  std::error_code error;
+  const fs::path opened = fs::read_symlink("/proc/self/fd/" + std::to_string(root_.get()), error);
+  if (root_.get() >= 0 && !error) path_ = opened;
+}
+
+bool ReleaseTree::openFile(const std::string& relative, std::optional<OpenedFile>& file,
+                           std::string& problem) const {
+  update::FileDescriptor fd(openBeneath(root_.get(), relative));
   struct stat status {};
   if (fd.get() < 0) {
-    problem = reason("cannot be read");
+    problem = errno == ELOOP || errno == EXDEV
+                  ? "cannot be read: a symbolic link on its way (the release folder changed "
+                    "after it was checked)"
+                  : reason("cannot be read");
     return false;
   }
   if (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {

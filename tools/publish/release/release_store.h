@@ -29,8 +29,9 @@ class ReleaseStore {
  public:
   ReleaseStore(const std::filesystem::path& serverRoot, const std::string& channel,
                const std::string& platform);
-  // Unless made current, the new release folder, the new link and the folders this store
-  // created are removed again: a failure leaves the served tree exactly as it was.
+  // Unless made current, the new release folder and the new link are removed again, and, by the
+  // holder of the lock, the folders this store created: a failure leaves the served tree exactly
+  // as it was.
   ~ReleaseStore();
   ReleaseStore(const ReleaseStore&) = delete;
   ReleaseStore& operator=(const ReleaseStore&) = delete;
@@ -39,9 +40,9 @@ class ReleaseStore {
   // by hand, or by an older version of this tool) is taken over when the release is made
   // current. False, with a problem line, when something else stands there.
   bool inspect(std::vector<std::string>& problems);
-  // Creates the releases folder where needed and takes an exclusive lock on it for the store's
-  // lifetime: one publisher at a time per channel and platform. While another holds it, waits
-  // (saying so on standard error) or, without `wait`, fails with a problem line.
+  // Creates the releases folder where needed and takes an exclusive lock on its lock file for the
+  // store's lifetime: one publisher at a time per channel and platform. While another holds it,
+  // waits (saying so on standard error) or, without `wait`, fails with a problem line.
   bool lock(bool wait, std::vector<std::string>& problems);
   // Creates the new release's folder, next in sequence; needs the lock.
   bool create(const std::string& version, std::vector<std::string>& problems);
@@ -55,13 +56,14 @@ class ReleaseStore {
 
   // Flushes the new release to disk, then swaps the link in, in one rename.
   bool makeCurrent(std::vector<std::string>& problems);
-  // Removes finished releases older than the newest `keep` ones up to the current one; the number
-  // removed.
+  // Removes finished releases older than the newest `keep` ones up to the current one, and
+  // folders that killed runs left unfinished; the number removed.
   std::size_t prune(std::size_t keep);
 
  private:
   bool createReleasesFolder(std::vector<std::string>& problems);
-  bool lockFolder(int folder, bool wait, std::vector<std::string>& problems);
+  std::filesystem::path lockPath() const { return releases_ / ".lock"; }
+  bool takeLock(int file, bool wait, std::vector<std::string>& problems);
   std::size_t nextSequence() const;
   bool swapLinkIn(std::vector<std::string>& problems);
 

@@ -1,8 +1,9 @@
 #pragma once
-// The passphrase of an encrypted signing key: from a file's first line, from an environment
-// variable, or asked on the terminal without echo. It is never printed, logged or stored, and is
-// wiped from memory when it goes.
+// The passphrase of an encrypted signing key: from a file, from an environment variable, or asked
+// on the terminal without echo. It is never printed, logged or stored, and is wiped from memory
+// when it goes.
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 
@@ -14,6 +15,9 @@ struct PassphraseSource {
   std::string variable;        // --passphrase-env
 };
 
+// OpenSSL hands a key's reader no more than this.
+constexpr std::size_t kMaxPassphraseBytes = 1024;
+
 class Passphrase {
  public:
   Passphrase() = default;
@@ -24,7 +28,9 @@ class Passphrase {
   const std::string& text() const { return text_; }
 
   // Reads it from `source`; on the terminal `prompt` is shown, and with `confirm` the passphrase is
-  // asked twice. On failure `problem` says why (never quoting the passphrase).
+  // asked twice. One rule whichever way it comes, so that the same passphrase opens the key: it
+  // is one line, of at most kMaxPassphraseBytes bytes, and one line end ("\n" or "\r\n") after
+  // it is not part of it. On failure `problem` says why (never quoting the passphrase).
   bool read(const PassphraseSource& source, const std::string& prompt, bool confirm,
             std::string& problem);
 

@@ -1,19 +1,31 @@
-#include "tools/publish/keys.h"
+#include "tools/publish/keys/keys.h"
 
 #include <openssl/bio.h>
 #include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <vector>
 
-#include "tools/publish/passphrase.h"
-#include "update/text_file.h"
+#include "tools/publish/keys/passphrase.h"
+#include "tools/publish/keys/secret_file.h"
 
 namespace th::publish {
 namespace {
 
 using update::Bio;
 using update::DigestContext;
+
+struct KeyInfoFree {
+  void operator()(PKCS8_PRIV_KEY_INFO* info) const { PKCS8_PRIV_KEY_INFO_free(info); }
+};
+struct EncryptedKeyFree {
+  void operator()(X509_SIG* key) const { X509_SIG_free(key); }
+};
+using KeyInfo = std::unique_ptr<PKCS8_PRIV_KEY_INFO, KeyInfoFree>;
+using EncryptedKey = std::unique_ptr<X509_SIG, EncryptedKeyFree>;
 
 struct PassphraseRequest {
   const PassphraseSource& source;
@@ -31,10 +43,7 @@ int providePassphrase(char* buffer, int size, int /*writing*/, void* data) {
     return -1;
   }
   const std::string& text = passphrase.text();
-  if (text.size() > static_cast<std::size_t>(size)) {
-    request->problem = "the passphrase is longer than OpenSSL takes";
-    return -1;
-  }
+  if (text.size() > static_cast<std::size_t>(size)) return -1;  // read() refuses it first
   std::copy(text.begin(), text.end(), buffer);
   return static_cast<int>(text.size());
 }
@@ -60,33 +69,47 @@ bool generateKey(PrivateKey& key, std::string& error) {
 }
 
 bool loadPrivateKey(const std::filesystem::path& file, const PassphraseSource& source,
-                    PrivateKey& key, std::string& problem) {
-  const std::string pem = update::readTextFile(file);
+                    LoadedKey& loaded, std::string& problem) {
+  std::string pem;
+  if (!readSecretFile(file, pem, loaded.mode, problem)) return false;
   Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   PassphraseRequest request{source, false, {}};
-  PrivateKey loaded(bio && !pem.empty()
-                        ? PEM_read_bio_PrivateKey(bio.get(), nullptr, providePassphrase, &request)
-                        : nullptr);
-  if (!loaded) {
+  loaded.key.reset(bio && !pem.empty()
+                       ? PEM_read_bio_PrivateKey(bio.get(), nullptr, providePassphrase, &request)
+                       : nullptr);
+  wipe(pem);
+  loaded.encrypted = request.asked;
+  if (!loaded.key) {
     problem = !request.asked            ? "not a PEM private key"
               : request.problem.empty() ? "the passphrase does not decrypt this key"
                                         : "encrypted, and " + request.problem;
     return false;
   }
-  key = std::move(loaded);
   return true;
 }
+
+namespace {
+
+bool writeEncrypted(BIO* bio, EVP_PKEY* key, const std::string& passphrase) {
+  const KeyInfo info(EVP_PKEY2PKCS8(key));
+  // A salt of its own; a nid of -1 asks for PBES2 with the cipher given, and HMAC-SHA256.
+  const EncryptedKey encrypted(info ? PKCS8_encrypt_ex(-1, EVP_aes_256_cbc(), passphrase.data(),
+                                                       static_cast<int>(passphrase.size()), nullptr,
+                                                       16, kKeyEncryptionIterations, info.get(),
+                                                       nullptr, nullptr)
+                                    : nullptr);
+  return encrypted && PEM_write_bio_PKCS8(bio, encrypted.get()) == 1;
+}
+
+}  // namespace
 
 bool privateKeyPem(EVP_PKEY* key, const std::string* passphrase, std::string& pem,
                    std::string& error) {
   Bio bio(BIO_new(BIO_s_mem()));
   const bool written =
-      bio &&
-      (passphrase != nullptr
-           ? PEM_write_bio_PKCS8PrivateKey(bio.get(), key, EVP_aes_256_cbc(), passphrase->data(),
-                                           static_cast<int>(passphrase->size()), nullptr,
-                                           nullptr) == 1
-           : PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1);
+      bio && (passphrase != nullptr ? writeEncrypted(bio.get(), key, *passphrase)
+                                    : PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0,
+                                                               nullptr, nullptr) == 1);
   if (!written || !memoryBioText(bio.get(), pem)) {
     error = "pem_encoding_failed";
     return false;

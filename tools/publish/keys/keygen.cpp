@@ -1,0 +1,115 @@
+#include "tools/publish/keys/keygen.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+#include "tools/publish/keys/keys.h"
+#include "tools/publish/keys/secret_file.h"
+#include "update/disk_flush.h"
+#include "update/file_descriptor.h"
+#include "update/signature.h"
+
+namespace th::publish {
+namespace fs = std::filesystem;
+namespace {
+
+// A key file under its temporary name until it is whole and on disk.
+struct KeyFile {
+  fs::path place, temporary;
+  const std::string& bytes;
+  mode_t mode;
+};
+
+fs::path temporaryName(const fs::path& place) {
+  return place.parent_path() /
+         ("." + place.filename().string() + ".new-" + std::to_string(::getpid()));
+}
+
+// Created with its final mode, so the private key is never readable by others, not even briefly.
+bool writeWhole(const KeyFile& file, std::string& problem) {
+  ::unlink(file.temporary.c_str());  // what a killed run of this process ID left
+  update::FileDescriptor fd(
+      ::open(file.temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, file.mode));
+  size_t written = 0;
+  while (fd.get() >= 0 && written < file.bytes.size()) {
+    const ssize_t n = ::write(fd.get(), file.bytes.data() + written, file.bytes.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    written += static_cast<size_t>(n);
+  }
+  if (fd.get() < 0 || written != file.bytes.size() || ::fsync(fd.get()) != 0 || !fd.close()) {
+    problem = file.place.string() + ": cannot be written: " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+// Both files written whole and flushed under temporary names, then linked to their names (which
+// never replaces a file, unlike a rename), and the folder flushed: after a power cut the pair is
+// there whole, or not at all. A failure removes all it made.
+bool placeKeyFiles(const KeyFile (&files)[2], std::vector<std::string>& problems) {
+  std::string problem;
+  size_t placed = 0;
+  bool ok = writeWhole(files[0], problem) && writeWhole(files[1], problem);
+  for (; ok && placed < 2; ++placed) {
+    if (::link(files[placed].temporary.c_str(), files[placed].place.c_str()) != 0) {
+      problem = files[placed].place.string() + ": cannot be written: " + std::strerror(errno);
+      ok = false;
+      break;
+    }
+  }
+  for (const KeyFile& file : files) ::unlink(file.temporary.c_str());
+  for (size_t i = 0; !ok && i < placed; ++i) ::unlink(files[i].place.c_str());
+  if (ok && !update::flushToDisk(files[0].place.parent_path())) {
+    problem = files[0].place.parent_path().string() + ": cannot be flushed to disk";
+    ok = false;
+  }
+  if (!ok) problems.push_back(problem);
+  return ok;
+}
+
+}  // namespace
+
+bool generateKeyPair(const KeygenOptions& options, KeygenResult& result,
+                     std::vector<std::string>& problems) {
+  const fs::path& out = options.out;
+  KeygenResult made{out / "update-private-key.pem", out / "update-public-key.pem", {}};
+  std::error_code error;
+  for (const fs::path& file : {made.privateKey, made.publicKey}) {
+    if (fs::exists(fs::symlink_status(file, error))) {
+      problems.push_back(file.string() + ": already exists; a key is never overwritten");
+    }
+  }
+  Passphrase passphrase;
+  std::string problem;
+  if (problems.empty() && !options.unencrypted &&
+      !passphrase.read(options.passphrase, "Passphrase for the new signing key: ", true, problem)) {
+    problems.push_back(problem);
+  }
+  if (!problems.empty()) return false;
+  fs::create_directories(out, error);
+  PrivateKey key;
+  std::string privatePem, publicPem, code;
+  if (!generateKey(key, code) ||
+      !privateKeyPem(key.get(), options.unencrypted ? nullptr : &passphrase.text(), privatePem,
+                     code) ||
+      !publicKeyPem(key.get(), publicPem, code)) {
+    problems.push_back("key generation failed: " + code);
+    return false;
+  }
+  const bool placed =
+      placeKeyFiles({{made.privateKey, temporaryName(made.privateKey), privatePem, 0600},
+                     {made.publicKey, temporaryName(made.publicKey), publicPem, 0644}},
+                    problems);
+  wipe(privatePem);
+  if (!placed) return false;
+  made.fingerprint = update::sha256Bytes(publicPem);
+  result = made;
+  return true;
+}
+
+}  // namespace th::publish
