@@ -60,7 +60,8 @@ bool serverRootInsideRelease(const ReleaseOptions& options) {
 
 void checkValues(const ReleaseOptions& options, std::string& notes, Problems& problems) {
   if (!dottedNumber(options.version)) {
-    problems.push_back("--version '" + options.version + "' is not a dotted number like 1.4.2");
+    const std::string option = options.revertTo.empty() ? "--version" : "--as";
+    problems.push_back(option + " '" + options.version + "' is not a dotted number like 1.4.2");
   }
   if (!options.minimumOnlineVersion.empty() && !dottedNumber(options.minimumOnlineVersion)) {
     problems.push_back("--minimum-online-version '" + options.minimumOnlineVersion +
