@@ -1,6 +1,7 @@
 #pragma once
 // The installed release's patch notes.
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -9,6 +10,9 @@
 #include "update/text_file.h"
 
 namespace {
+
+// Release notes from the server replace the local ones only when they say something substantial.
+constexpr std::size_t kMinServerNotesLength = 80;
 
 // The first non-blank of the three candidate files, else a short built-in text.
 inline std::string loadPatchNotes(const std::filesystem::path& installDir,

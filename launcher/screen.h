@@ -22,9 +22,6 @@ struct Colour {
   std::uint8_t r, g, b;
 };
 
-// Release notes from the server replace the local ones only when they say something substantial.
-constexpr std::size_t kMinServerNotesLength = 80;
-
 // One line of debug-font text with its top-left corner at (x, y) in unscaled window pixels.
 inline void text(SDL_Renderer* renderer, float x, float y, const std::string& str, float scale,
                  std::uint8_t r, std::uint8_t g, std::uint8_t b) {

@@ -371,6 +371,79 @@ TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
   expectVerify(nginx.url(), {});
 }
 
+// What publishes cleanly yet reaches nobody is refused or named; a bad release is rolled back by
+// publishing the kept files of the one before under a higher version, signed afresh.
+TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
+  Studio s;
+  s.expectRefused(s.next("0.16.99"), {"--version '0.16.99' is below 0.16.117, the version of an"});
+  const Args first = s.next("1.0.1");
+  fs::permissions(s.release / "tarn-hollow", fs::perms(0755));  // kept with its executable flag
+  ASSERT_EQ(runProcess(first).exitCode, 0);
+  NginxServer nginx(s.server);
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  const fs::path before = s.scratch / "before", bad = s.scratch / "bad";
+  const Args beforeClient{TH_UPDATE_CLIENT, before, nginx.url()};
+  prepareInstall(before, nginx.url());
+  EXPECT_EQ(runProcess(beforeClient).out, "1.0.1\n");
+  s.next("1.1.0");
+  fs::permissions(s.release / "data" / "world.pak", fs::perms(0755));
+  writeBytes(s.scratch / "short", kNotes.substr(0, 79));
+  const struct {
+    Args extra, named, unnamed;
+  } table[] = {
+      {{"--channel", "beta"},
+       {"--channel 'beta': launchers only ever ask for channel 'stable'"},
+       {}},
+      {{"--notes", s.scratch / "short"},
+       {"the release notes are 79 bytes: launchers show release notes only from 80",
+        "data/world.pak: only its executable flag changed (now on)"},
+       {"channel"}},
+      {{"--notes", s.notes},
+       {"no file differs from the served release 1.1.0: launchers on it install nothing"},
+       {"flag", "release notes"}},
+  };
+  for (const auto& row : table) {
+    const ProcessResult result = runProcess(s.args("1.1.0", row.extra));
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    for (const std::string& name : row.named) EXPECT_PRED_FORMAT2(IsSubstring, name, result.err);
+    for (const std::string& name : row.unnamed) EXPECT_EQ(result.err.find(name), std::string::npos);
+  }
+  prepareInstall(bad, nginx.url());
+  EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, bad, nginx.url()}).out, "1.1.0\n");
+
+  const Args revert{"revert",           "--to",          "1.0.1", "--key",
+                    TH_DEV_PRIVATE_KEY, "--server-root", s.server};
+  const fs::path releases = s.server / "stable" / ".releases" / "linux";
+  const update::FileDescriptor held(open((releases / ".lock").c_str(), O_RDWR | O_CLOEXEC));
+  struct flock whole {
+    F_WRLCK, SEEK_SET, 0, 0, 0
+  };
+  ASSERT_EQ(fcntl(held.get(), F_OFD_SETLK, &whole), 0);
+  expectReport(publish(revert + Args{"--as", "1.1.1", "--no-wait"}).err, kRefused,
+               {"another release of stable/linux is being published"});
+  whole.l_type = F_UNLCK;
+  fcntl(held.get(), F_OFD_SETLK, &whole);
+  expectReport(publish(revert + Args{"--as", "1.1.0"}).err, kRefused,
+               {"--as '1.1.0' is not above the served release 1.1.0"});
+  expectReport(publish(Args{"revert", "--to", "0.9.0", "--as", "1.1.1"} +
+                       Args(revert.begin() + 3, revert.end()))
+                   .err,
+               kRefused, {"--to '0.9.0': no finished release of that version is kept"});
+  const ProcessResult reverted = publish(revert + Args{"--as", "1.1.1"});
+  ASSERT_EQ(reverted.exitCode, 0) << reverted.err;
+  EXPECT_PRED_FORMAT2(IsSubstring, "with the files of 1.0.1, signed afresh", reverted.out);
+  EXPECT_PRED_FORMAT2(IsSubstring, "data/world.pak: only its executable flag changed (now off)",
+                      reverted.err);
+  // Both end on 1.1.1 with the kept files: the one who never left 1.0.1 installs the revert's
+  // own notes file, so that its marker is rewritten too.
+  for (const fs::path& player : {bad, before}) {
+    EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, player, nginx.url()}).out, "1.1.1\n");
+    EXPECT_EQ(readBytes(player / "tarn-hollow"), readBytes(s.scratch / "1.0.1" / "tarn-hollow"));
+    EXPECT_EQ(fileMode(player / "tarn-hollow"), 0755u);
+  }
+  expectVerify(nginx.url(), {});
+}
+
 // Misuse exits with 2 naming the problem before the usage; help and version go to standard output.
 TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
   const struct {
@@ -386,12 +459,15 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
       {{"release", "--from", "r", "--version", "1", "--key", "k"}, 2, "missing --server-root"},
       {{"release", "--mandatory", "--mandatory"}, 2, "repeated --mandatory"},
       {{"release", "--force"}, 2, "unknown argument '--force'"},
+      {{"revert", "--to", "1.0.0"}, 2, "missing --as"},
       {{"keygen", "--out", "k", "--unencrypted", "--passphrase-env", "P"}, 2, "--unencrypted"},
       {{"keygen", "--out", "k", "--passphrase-file", "f", "--passphrase-env", "P"}, 2, "give"},
       {{"-h"}, 0, "usage: tarn-hollow-publish keygen --out DIR\n           [--passphrase-file"},
       {{"release", "--help"}, 0, "usage: tarn-hollow-publish release --from"},
       {{"--version"}, 0, "tarn-hollow-publish " TH_VERSION "\n"},
   };
+  EXPECT_PRED_FORMAT2(IsSubstring, "--mandatory locks PLAY for every player, those already on V",
+                      publish({"release", "--help"}).out);
   for (const auto& row : table) {
     const auto result = publish(row.args);
     const bool misuse = row.exitCode == 2;

@@ -1,6 +1,7 @@
 // tarn-hollow-publish: the studio's release tool. `keygen` makes a signing key pair; `release`
-// publishes a release folder, signed, into an update server's folder tree; `verify` checks a
-// served release as a player's launcher would see it.
+// publishes a release folder, signed, into an update server's folder tree; `revert` publishes a
+// kept release's files again under a higher version; `verify` checks a served release as a
+// player's launcher would see it.
 
 #include <algorithm>
 #include <cstdint>
@@ -100,10 +101,7 @@ int keygen(const Args& args) {
   return kExitDone;
 }
 
-int release(const Args& args) {
-  th::publish::ReleaseOptions options;
-  std::string error;
-  if (!th::publish::parseReleaseOptions(args, options, error)) return usageError(error, "release");
+int publish(const th::publish::ReleaseOptions& options) {
   th::publish::PublishSummary summary;
   std::vector<std::string> problems;
   const bool published = th::publish::publishRelease(options, summary, problems);
@@ -112,11 +110,28 @@ int release(const Args& args) {
   std::cout << "published " << options.version << " (" << options.channel << '/' << options.platform
             << "): " << summary.files << " files, " << summary.bytes << " bytes, in "
             << printable(summary.channelFolder.string()) << '\n';
+  if (!options.revertTo.empty()) {
+    std::cout << "with the files of " << options.revertTo << ", signed afresh\n";
+  }
   if (summary.linked > 0) {
     std::cout << summary.linked << " unchanged files linked from the previous release\n";
   }
   if (summary.pruned > 0) std::cout << summary.pruned << " older releases removed\n";
   return kExitDone;
+}
+
+int release(const Args& args) {
+  th::publish::ReleaseOptions options;
+  std::string error;
+  if (!th::publish::parseReleaseOptions(args, options, error)) return usageError(error, "release");
+  return publish(options);
+}
+
+int revert(const Args& args) {
+  th::publish::ReleaseOptions options;
+  std::string error;
+  if (!th::publish::parseRevertOptions(args, options, error)) return usageError(error, "revert");
+  return publish(options);
 }
 
 int verify(const Args& args) {
@@ -150,7 +165,7 @@ int main(int argc, char** argv) {
     return kExitDone;
   }
   static const std::map<std::string, int (*)(const Args&)> kCommands = {
-      {"keygen", keygen}, {"release", release}, {"verify", verify}};
+      {"keygen", keygen}, {"release", release}, {"revert", revert}, {"verify", verify}};
   const auto command = kCommands.find(words[0]);
   if (command == kCommands.end()) return usageError("unknown command '" + words[0] + "'");
   const Args args(words.begin() + 1, words.end());

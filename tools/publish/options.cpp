@@ -59,6 +59,29 @@ bool takePassphrase(const Values& values, PassphraseSource& source, std::string&
   return true;
 }
 
+// Parses the words with the options that release and revert share added to `grammar`, and takes
+// those.
+bool parsePublishing(const std::vector<std::string>& args, Grammar grammar, Values& values,
+                     ReleaseOptions& options, std::string& error) {
+  grammar.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep",
+                         "--passphrase-file", "--passphrase-env"});
+  grammar.flags.insert({"--mandatory", "--no-wait"});
+  grammar.required.insert({"--key", "--server-root"});
+  if (!parseWords(args, grammar, values, error) ||
+      !takePassphrase(values, options.passphrase, error)) {
+    return false;
+  }
+  take(values, "--key", options.key);
+  take(values, "--server-root", options.serverRoot);
+  take(values, "--channel", options.channel);
+  take(values, "--platform", options.platform);
+  take(values, "--notes", options.notes);
+  take(values, "--keep", options.keep);
+  options.mandatory = values.count("--mandatory") > 0;
+  options.wait = values.count("--no-wait") == 0;
+  return true;
+}
+
 }  // namespace
 
 std::string usageText(const std::string& command) {
@@ -70,7 +93,16 @@ std::string usageText(const std::string& command) {
        "       tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
        "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
        "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"
-       "           [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"},
+       "           [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
+       "           [--force-below-fresh-install]\n"
+       "           --mandatory locks PLAY for every player, those already on V too, until a\n"
+       "           release without it replaces it.\n"},
+      {"revert",
+       "       tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
+       "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
+       "           [--mandatory] [--keep 3] [--no-wait] [--passphrase-file FILE |\n"
+       "           --passphrase-env NAME]\n"
+       "           publishes the files of a kept release again as NEW_V, above the served one.\n"},
       {"verify",
        "       tarn-hollow-publish verify --url URL [--channel stable] [--platform linux]\n"
        "           [--public-key FILE] [--strict]\n"},
@@ -78,8 +110,8 @@ std::string usageText(const std::string& command) {
   if (const auto found = kUsage.find(command); found != kUsage.end()) {
     return "usage:" + found->second.substr(6);
   }
-  return "usage:" + kUsage.at("keygen").substr(6) + kUsage.at("release") + kUsage.at("verify") +
-         "       tarn-hollow-publish --help | --version\n";
+  return "usage:" + kUsage.at("keygen").substr(6) + kUsage.at("release") + kUsage.at("revert") +
+         kUsage.at("verify") + "       tarn-hollow-publish --help | --version\n";
 }
 
 bool asksForHelp(const std::vector<std::string>& args) {
@@ -107,28 +139,30 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
 
 bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                          std::string& error) {
-  const Grammar grammar{{"--from", "--version", "--key", "--server-root", "--channel", "--platform",
-                         "--notes", "--minimum-online-version", "--protocol-version", "--keep",
-                         "--passphrase-file", "--passphrase-env"},
-                        {"--mandatory", "--no-wait"},
-                        {"--from", "--version", "--key", "--server-root"}};
   Values values;
-  if (!parseWords(args, grammar, values, error) ||
-      !takePassphrase(values, options.passphrase, error)) {
+  if (!parsePublishing(args,
+                       {{"--from", "--version", "--minimum-online-version", "--protocol-version"},
+                        {"--force-below-fresh-install"},
+                        {"--from", "--version"}},
+                       values, options, error)) {
     return false;
   }
   take(values, "--from", options.from);
   take(values, "--version", options.version);
-  take(values, "--key", options.key);
-  take(values, "--server-root", options.serverRoot);
-  take(values, "--channel", options.channel);
-  take(values, "--platform", options.platform);
-  take(values, "--notes", options.notes);
   take(values, "--minimum-online-version", options.minimumOnlineVersion);
   take(values, "--protocol-version", options.protocolVersion);
-  take(values, "--keep", options.keep);
-  options.mandatory = values.count("--mandatory") > 0;
-  options.wait = values.count("--no-wait") == 0;
+  options.belowFreshInstall = values.count("--force-below-fresh-install") > 0;
+  return true;
+}
+
+bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& options,
+                        std::string& error) {
+  Values values;
+  if (!parsePublishing(args, {{"--to", "--as"}, {}, {"--to", "--as"}}, values, options, error)) {
+    return false;
+  }
+  take(values, "--to", options.revertTo);
+  take(values, "--as", options.version);
   return true;
 }
 

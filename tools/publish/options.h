@@ -24,6 +24,8 @@ struct ReleaseOptions {
   std::string platform = "linux";
   std::filesystem::path notes;  // empty: no release notes
   bool mandatory = false;
+  bool belowFreshInstall = false;  // a version below what an install without a marker counts as
+  std::string revertTo;            // revert: the kept release whose files are published again
   std::string minimumOnlineVersion;
   std::string protocolVersion = "0";  // checked with the other values, see publish_release.h
   std::string keep = "3";             // releases kept on the server, the current one included
@@ -44,13 +46,16 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
                         std::string& error);
 bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                          std::string& error);
+// revert: --to is the kept release, --as the new version; `from` stays empty.
+bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& options,
+                        std::string& error);
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error);
 
 // True when the words ask for help ("--help" or "-h").
 bool asksForHelp(const std::vector<std::string>& args);
 
-// The usage of one command ("keygen", "release", "verify"), or of all for any other name.
+// The usage of one command ("keygen", "release", "revert", "verify"), or of all for any other name.
 std::string usageText(const std::string& command = "");
 
 }  // namespace th::publish

@@ -9,9 +9,11 @@
 #include "tools/publish/keys/keys.h"
 #include "tools/publish/progress.h"
 #include "tools/publish/release/manifest_json.h"
+#include "tools/publish/release/player_reach.h"
 #include "tools/publish/release/release_copy.h"
 #include "tools/publish/release/release_scan.h"
 #include "tools/publish/release/release_store.h"
+#include "tools/publish/release/revert_release.h"
 #include "update/manifest.h"
 #include "update/pinned_key.h"
 #include "update/platform.h"
@@ -58,7 +60,8 @@ bool serverRootInsideRelease(const ReleaseOptions& options) {
 
 void checkValues(const ReleaseOptions& options, std::string& notes, Problems& problems) {
   if (!dottedNumber(options.version)) {
-    problems.push_back("--version '" + options.version + "' is not a dotted number like 1.4.2");
+    const std::string option = options.revertTo.empty() ? "--version" : "--as";
+    problems.push_back(option + " '" + options.version + "' is not a dotted number like 1.4.2");
   }
   if (!options.minimumOnlineVersion.empty() && !dottedNumber(options.minimumOnlineVersion)) {
     problems.push_back("--minimum-online-version '" + options.minimumOnlineVersion +
@@ -260,24 +263,9 @@ void selfCheck(const std::string& json, const std::string& signature, const Sign
   }
 }
 
-}  // namespace
-
-bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Problems& problems) {
-  std::string notes;
-  SigningKey signing;
-  std::vector<ReleaseFile> files;
-  checkValues(options, notes, problems);
-  checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
-  const ReleaseTree tree(options.from);
-  scanRelease(tree.path(), files, problems);
-  ReleaseStore store(options.serverRoot, options.channel, options.platform);
-  if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems) ||
-      !store.create(options.version, problems)) {
-    return false;
-  }
-  update::Manifest manifest = manifestHeader(options, notes);
-  fillRelease(tree, files, store, manifest, summary.linked, problems);
-  if (!problems.empty()) return false;
+// Signs the manifest, checks it as launchers will read it, and makes the release current.
+bool signAndSwapIn(const ReleaseOptions& options, const SigningKey& signing, ReleaseStore& store,
+                   const update::Manifest& manifest, Problems& problems) {
   const std::string json = manifestJson(manifest);
   std::string signature, error;
   if (!signSha256(signing.loaded.key.get(), json, signature, error)) {
@@ -285,10 +273,44 @@ bool publishRelease(const ReleaseOptions& options, PublishSummary& summary, Prob
     return false;
   }
   selfCheck(json, signature, signing, store.folder(), manifest, problems);
-  if (!problems.empty() || !writeManifest(store, json, signature, problems) ||
-      !store.makeCurrent(problems)) {
+  return problems.empty() && writeManifest(store, json, signature, problems) &&
+         store.makeCurrent(problems);
+}
+
+}  // namespace
+
+bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Problems& problems) {
+  ReleaseOptions options = given;
+  ReleaseStore store(options.serverRoot, options.channel, options.platform);
+  update::Manifest kept;
+  const bool reverting = !options.revertTo.empty();
+  if (reverting && !findKeptRelease(store, options, kept, problems)) return false;
+  std::string notes;
+  SigningKey signing;
+  std::vector<ReleaseFile> files;
+  checkValues(options, notes, problems);
+  if (reverting && options.notes.empty()) notes = kept.releaseNotes;
+  checkAboveFreshInstall(options, problems);
+  warnUnseen(options, notes, summary.warnings);
+  checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
+  const ReleaseTree tree(options.from);
+  scanRelease(tree.path(), files, problems);
+  if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
     return false;
   }
+  if (reverting) checkAboveServed(options, store, problems);
+  if (!problems.empty() || !store.create(options.version, problems)) return false;
+  update::Manifest manifest = manifestHeader(options, notes);
+  fillRelease(tree, files, store, manifest, summary.linked, problems);
+  if (reverting) {
+    matchKeptRelease(options, kept, manifest, problems);
+    addRevertNotes(options, notes, store, manifest, problems);
+  }
+  warnNothingToInstall(manifest, store, summary.warnings);
+  if (!problems.empty() || !signAndSwapIn(options, signing, store, manifest, problems)) {
+    return false;
+  }
+  warnFlagOnlyChanges(manifest, store, summary.warnings);
   summary.pruned = store.prune(std::stoul(options.keep));
   summary.channelFolder = store.served();
   summary.files = manifest.files.size();

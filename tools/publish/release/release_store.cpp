@@ -112,6 +112,7 @@ bool ReleaseStore::inspect(Problems& problems) {
   if (update::parseManifest(update::readTextFile(served_ / "manifest.json"), manifest,
                             unreadable)) {
     for (update::ManifestFile& file : manifest.files) servedFiles_.emplace(file.path, file);
+    servedVersion_ = manifest.version;
   }
   return true;
 }
@@ -199,6 +200,21 @@ const update::ManifestFile* ReleaseStore::servedEntry(const std::string& path) c
 
 fs::path ReleaseStore::servedFile(const std::string& path) const {
   return served_ / "files" / path;
+}
+
+bool ReleaseStore::findKept(const std::string& version, fs::path& folder,
+                            update::Manifest& manifest) const {
+  std::error_code error;
+  for (const auto& [sequence, kept] : releasesIn(releases_)) {
+    std::string unreadable;
+    if (fs::exists(kept / "manifest.sig", error) &&
+        update::parseManifest(update::readTextFile(kept / "manifest.json"), manifest, unreadable) &&
+        manifest.version == version) {
+      folder = kept;
+      return true;
+    }
+  }
+  return false;
 }
 
 bool ReleaseStore::makeCurrent(Problems& problems) {

@@ -49,6 +49,12 @@ class ReleaseStore {
 
   // The served release's file at `path`, where its manifest lists one; null otherwise.
   const update::ManifestFile* servedEntry(const std::string& path) const;
+  // The version the served manifest names; empty when none can be read.
+  const std::string& servedVersion() const { return servedVersion_; }
+  // The newest finished release folder whose manifest names `version`, and that manifest; false
+  // when no such release is kept.
+  bool findKept(const std::string& version, std::filesystem::path& folder,
+                update::Manifest& manifest) const;
   std::filesystem::path servedFile(const std::string& path) const;
 
   const std::filesystem::path& served() const { return served_; }  // ROOT/<channel>/<platform>
@@ -71,6 +77,7 @@ class ReleaseStore {
   bool takeOver_ = false;
   std::string takenOverName_;
   std::map<std::string, update::ManifestFile> servedFiles_;
+  std::string servedVersion_;
   std::vector<std::filesystem::path> created_;
   bool current_ = false;
   std::optional<update::FileDescriptor> lock_;  // released last, after the clean-up

@@ -1,0 +1,77 @@
+#include "tools/publish/release/revert_release.h"
+
+#include <map>
+
+#include "update/signature.h"
+#include "update/text_file.h"
+#include "update/version.h"
+
+namespace th::publish {
+
+bool findKeptRelease(const ReleaseStore& store, ReleaseOptions& options, update::Manifest& kept,
+                     std::vector<std::string>& problems) {
+  std::filesystem::path folder;
+  if (!store.findKept(options.revertTo, folder, kept)) {
+    problems.push_back("--to '" + options.revertTo +
+                       "': no finished release of that version is kept"
+                       " for " +
+                       options.channel + "/" + options.platform);
+    return false;
+  }
+  options.from = folder / "files";
+  options.minimumOnlineVersion = kept.minimumOnlineVersion;
+  options.protocolVersion = std::to_string(kept.protocolVersion);
+  return true;
+}
+
+void checkAboveServed(const ReleaseOptions& options, const ReleaseStore& store,
+                      std::vector<std::string>& problems) {
+  if (update::compareVersion(options.version, store.servedVersion()) > 0) return;
+  problems.push_back("--as '" + options.version + "' is not above the served release " +
+                     store.servedVersion() + ": launchers on it would never install it");
+}
+
+void matchKeptRelease(const ReleaseOptions& options, const update::Manifest& kept,
+                      update::Manifest& manifest, std::vector<std::string>& problems) {
+  std::map<std::string, const update::ManifestFile*> listed;
+  for (const update::ManifestFile& file : kept.files) listed.emplace(file.path, &file);
+  for (update::ManifestFile& file : manifest.files) {
+    const auto found = listed.find(file.path);
+    if (found == listed.end() || found->second->sha256 != file.sha256 ||
+        found->second->size != file.size) {
+      problems.push_back(file.path + ": not as the manifest of the kept release " +
+                         options.revertTo + " lists it");
+      continue;
+    }
+    file.executable = found->second->executable;
+    listed.erase(found);
+  }
+  for (const auto& [path, file] : listed) {
+    problems.push_back(path + ": listed by the kept release " + options.revertTo +
+                       " but missing from its folder");
+  }
+}
+
+void addRevertNotes(const ReleaseOptions& options, const std::string& notes,
+                    const ReleaseStore& store, update::Manifest& manifest,
+                    std::vector<std::string>& problems) {
+  const std::string path = "PATCH_NOTES_v" + options.version + ".txt";
+  for (const update::ManifestFile& file : manifest.files) {
+    if (file.path == path) {
+      problems.push_back(path + ": the kept release " + options.revertTo +
+                         " holds it already; the revert needs it for its own notes");
+      return;
+    }
+  }
+  const std::string text = "Tarn Hollow v" + options.version + "\n\nThe files of " +
+                           options.revertTo + ", again.\n\n" + notes + "\n";
+  const std::filesystem::path place = store.folder() / "files" / path;
+  if (!update::writeTextFile(place, text)) {
+    problems.push_back(place.string() + ": cannot be written");
+    return;
+  }
+  stampNewerThan(place, store.servedFile(path));
+  manifest.files.push_back({path, update::sha256Bytes(text), text.size(), false});
+}
+
+}  // namespace th::publish
