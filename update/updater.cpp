@@ -151,54 +151,43 @@ void rollback(const Journal& journal) {
 }
 
 struct InstallPlaces {
-  fs::path staged, installed;
+  fs::path staged, installed, backup;
 };
 
-struct Installation {
-  fs::path backupFolder;
-  Journal journal;
-};
-
-bool backUp(const PlannedFile& file, const fs::path& installed, Installation& installation,
-            std::string& error) {
-  fs::path backup = installation.backupFolder / file.path;
-  std::error_code ignored, failure;
-  fs::create_directories(backup.parent_path(), ignored);
-  fs::rename(installed, backup, failure);
-  if (failure) return fail(error, "update_backup_failed:" + file.path);
-  installation.journal.emplace_back(installed, std::move(backup));
-  return true;
-}
-
-bool installFile(const PlannedFile& file, InstallPlaces places, Installation& installation,
+bool installFile(const PlannedFile& file, InstallPlaces places, Journal& journal,
                  std::string& error) {
   std::error_code failure;
   fs::create_directories(places.installed.parent_path(), failure);
   if (failure) return fail(error, "update_destination_failed:" + file.path);
-  if (somethingAt(places.installed) && !backUp(file, places.installed, installation, error))
-    return false;
+  if (somethingAt(places.installed)) {
+    std::error_code ignored;
+    fs::create_directories(places.backup.parent_path(), ignored);
+    fs::rename(places.installed, places.backup, failure);
+    if (failure) return fail(error, "update_backup_failed:" + file.path);
+    journal.emplace_back(places.installed, places.backup);
+  }
   fs::rename(places.staged, places.installed, failure);
   if (failure) return fail(error, "update_install_failed:" + file.path);
   // The staged copy had its bit already; this only matters if that chmod failed.
   if (file.executable) ::chmod(places.installed.c_str(), 0755);
   // Asked of the file system even when the old file was just moved there: two applies in the
   // same millisecond share the backup folder.
-  if (!somethingAt(installation.backupFolder / file.path))
-    installation.journal.emplace_back(std::move(places.installed), fs::path());
+  if (!somethingAt(places.backup)) journal.emplace_back(std::move(places.installed), fs::path());
   return true;
 }
 
 // The launcher is never moved into place here: the running process cannot replace itself, so
 // the caller hands the staged copy to the update helper.
 bool installAll(const UpdatePlan& plan, const fs::path& root, const fs::path& stage,
-                Installation& installation, fs::path* stagedLauncher, std::string& error) {
+                const fs::path& backup, Journal& journal, fs::path* stagedLauncher,
+                std::string& error) {
   for (const PlannedFile& file : plan.files) {
-    InstallPlaces places{stage / file.path, root / file.path};
+    InstallPlaces places{stage / file.path, root / file.path, backup / file.path};
     if (isLauncher(file.path)) {
       if (stagedLauncher != nullptr) *stagedLauncher = std::move(places.staged);
       continue;
     }
-    if (!installFile(file, std::move(places), installation, error)) return false;
+    if (!installFile(file, std::move(places), journal, error)) return false;
   }
   return true;
 }
@@ -240,15 +229,15 @@ bool Updater::apply(const UpdatePlan& plan, ProgressCallback progress, std::stri
   // takes while the old one sits in the backup folder: a power loss would otherwise leave empty
   // files under the new names. One flush of the file system costs far less than one per file.
   flushFileSystem(stage);
-  Installation installation{backup, {}};
-  if (!installAll(plan, root, stage, installation, stagedLauncher, error)) {
-    rollback(installation.journal);
+  Journal journal;
+  if (!installAll(plan, root, stage, backup, journal, stagedLauncher, error)) {
+    rollback(journal);
     return false;
   }
   // Nothing stands between the last rename and the marker: a kill there leaves every file new
   // under the old marker, which no later check repairs (it plans nothing).
   if (!writeTextFile(root / "data" / "game_version", plan.manifest.version + "\n")) {
-    rollback(installation.journal);
+    rollback(journal);
     return fail(error, "version_marker_write_failed");
   }
   // One flush of the whole file system after the marker: every journaling file system here

@@ -85,6 +85,8 @@ const std::regex kChange(
     "^(rename|link|unlink|rmdir|mkdir|f?chmod|f?sync|fdatasync|syncfs|sendfile|"
     "copy_file_range|symlink)|^openat\\(.*O_CREAT");
 
+void syncFileSystem(const fs::path& path) { runProcess({"/usr/bin/sync", "-f", path.string()}); }
+
 // `argv` under strace; its exit code, -1 when killed. LeakSanitizer's exit check needs ptrace.
 int runTraced(const std::string& output, const std::string& expression,
               std::vector<std::string> argv) {
@@ -143,7 +145,7 @@ std::vector<Call> sweep(const FileSystem& type, const std::string& what,
     SCOPED_TRACE(type.name + " " + what + ", " + call + ", seed " + std::to_string(seed));
     const fs::path place = disk.root() / call;
     prepare(place);
-    runProcess({"/usr/bin/sync", "-f", place.string()});  // all but the cut program on disk
+    syncFileSystem(place);  // all but the cut program on disk
     const int exitCode =
         runTraced("/dev/null", cut.nth ? "inject=" + call : "trace=none", program(place));
     EXPECT_TRUE(cut.nth ? exitCode == -1 || !cut.chosen : exitCode == 0);
@@ -300,8 +302,6 @@ TEST_P(PowerCut, APublishCutAnywhereServesTheOldReleaseOrTheNewOneWhole) {
 
 INSTANTIATE_TEST_SUITE_P(, PowerCut, ::testing::ValuesIn(kFileSystems),
                          [](const auto& info) { return info.param.name; });
-
-void syncFileSystem(const fs::path& path) { runProcess({"/usr/bin/sync", "-f", path.string()}); }
 
 // Takes all the room there is, then gives back `blocks` blocks (counted once committed).
 void leaveBlocks(const fs::path& filler, unsigned blocks) {
