@@ -194,6 +194,17 @@ std::vector<std::string> words(const std::string& text) {
   return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
+std::vector<std::string> underStrace(const std::string& expression, std::vector<std::string> argv,
+                                     const std::string& output) {
+  argv.insert(argv.begin(), {TH_STRACE, "-o", output, "-e", expression, "--"});
+  return argv;
+}
+
+ProcessOptions tracedOptions() {
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  return {{{"ASAN_OPTIONS", std::string(asan ? asan : "") + ":detect_leaks=0"}}, {}};
+}
+
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
   ChildProcess child(argv, options);
   const int exitCode = child.wait(options.timeout).value_or(-1);

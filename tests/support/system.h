@@ -68,6 +68,12 @@ struct ProcessResult {
 // The blank-separated words of `text`, for command lines written as one text.
 std::vector<std::string> words(const std::string& text);
 
+// `argv` under strace with `expression` (a trace or an injection).
+std::vector<std::string> underStrace(const std::string& expression, std::vector<std::string> argv,
+                                     const std::string& output = "/dev/null");
+// Options for a traced program: LeakSanitizer's exit check needs ptrace, which strace holds.
+ProcessOptions tracedOptions();
+
 // Runs a program to completion (killing it after the time-out) and collects its output.
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
 

@@ -87,13 +87,10 @@ const std::regex kChange(
 
 void syncFileSystem(const fs::path& path) { runProcess({"/usr/bin/sync", "-f", path.string()}); }
 
-// `argv` under strace; its exit code, -1 when killed. LeakSanitizer's exit check needs ptrace.
+// `argv` under strace; its exit code, -1 when killed.
 int runTraced(const std::string& output, const std::string& expression,
-              std::vector<std::string> argv) {
-  argv.insert(argv.begin(), {TH_STRACE, "-o", output, "-e", expression, "--"});
-  const char* asan = std::getenv("ASAN_OPTIONS");
-  const std::string noLeaks = std::string(asan ? asan : "") + ":detect_leaks=0";
-  return runProcess(argv, {{{"ASAN_OPTIONS", noLeaks}}, {}}).exitCode;
+              const std::vector<std::string>& argv) {
+  return runProcess(underStrace(expression, argv, output), tracedOptions()).exitCode;
 }
 
 // What is wrong with a place after a cut, "" when nothing; `shows` tells what the place shows.

@@ -43,21 +43,34 @@ std::string hexDigest(EVP_MD_CTX* context) {
 // Non-blocking, so that a pipe put in the file's place cannot stall the open.
 constexpr int kReadFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
+// A folder beneath `folder` by its own name, refused like openat2 refuses it: ELOOP for a link,
+// EXDEV for a step up.
+update::FileDescriptor openFolderIn(int folder, const std::string& name) {
+  if (name == "..") {
+    errno = EXDEV;
+    return update::FileDescriptor(-1);
+  }
+  update::FileDescriptor opened(::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status {};
+  if (opened.get() >= 0 && ::fstat(opened.get(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+    errno = S_ISLNK(status.st_mode) ? ELOOP : ENOTDIR;
+    return update::FileDescriptor(-1);
+  }
+  return opened;
+}
+
 // Element by element, each opened beneath the last without following a link: for kernels
 // without openat2.
 int openByWalk(int root, const std::string& relative) {
-  std::optional<update::FileDescriptor> folder;
-  folder.emplace(::fcntl(root, F_DUPFD_CLOEXEC, 0));
+  update::FileDescriptor folder(::fcntl(root, F_DUPFD_CLOEXEC, 0));
   std::size_t start = 0;
   for (std::size_t slash; (slash = relative.find('/', start)) != std::string::npos;
        start = slash + 1) {
-    const std::string name = relative.substr(start, slash - start);
-    const int next =
-        ::openat(folder->get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (next < 0) return -1;
-    folder.emplace(next);
+    update::FileDescriptor next = openFolderIn(folder.get(), relative.substr(start, slash - start));
+    if (next.get() < 0) return -1;
+    folder = std::move(next);
   }
-  return ::openat(folder->get(), relative.c_str() + start, kReadFlags);
+  return ::openat(folder.get(), relative.c_str() + start, kReadFlags);
 }
 
 int openBeneath(int root, const std::string& relative) {
