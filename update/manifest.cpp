@@ -1,12 +1,14 @@
 #include "update/manifest.h"
 
-#include <string.h>
+#include <emmintrin.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "update/platform.h"
@@ -15,23 +17,45 @@
 namespace th::update {
 namespace {
 
-// Plain substring search. Every key and string value starts with a quote, so a search that steps
-// from quote to quote (std::string::find) crawls through a large manifest; memmem skips ahead.
-std::size_t findText(const std::string& text, const std::string& needle, std::size_t from) {
-  if (from > text.size()) return std::string::npos;
-  const void* found =
-      ::memmem(text.data() + from, text.size() - from, needle.data(), needle.size());
-  return found == nullptr ? std::string::npos : static_cast<const char*>(found) - text.data();
+// Plain substring search for a quoted key (at least three bytes). Every key and string value
+// starts with a quote, so a search led by the first byte stops all the time; this one first
+// compares the bytes after the opening quote and before the closing one, sixteen places at a
+// time, and only where both match compares the whole key. An absent optional key is searched
+// through the whole manifest, so this is most of what a large manifest costs to read.
+std::size_t findText(std::string_view text, std::string_view needle, std::size_t from) {
+  const std::size_t n = needle.size();
+  if (from > text.size() || text.size() - from < n) return std::string::npos;
+  const char* const base = text.data();
+  const std::size_t lastStart = text.size() - n;
+  const __m128i second = _mm_set1_epi8(needle[1]), penultimate = _mm_set1_epi8(needle[n - 2]);
+  std::size_t at = from;
+  // Both loads of a block stay inside the text: they end at lastStart + 1 and at the text's
+  // second-to-last byte.
+  for (; at + 16 <= lastStart + 1; at += 16) {
+    const auto* a = reinterpret_cast<const __m128i*>(base + at + 1);
+    const auto* b = reinterpret_cast<const __m128i*>(base + at + n - 2);
+    unsigned candidates = static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(_mm_loadu_si128(a), second),
+                                        _mm_cmpeq_epi8(_mm_loadu_si128(b), penultimate))));
+    for (; candidates != 0; candidates &= candidates - 1) {
+      const std::size_t start = at + static_cast<std::size_t>(__builtin_ctz(candidates));
+      if (std::memcmp(base + start, needle.data(), n) == 0) return start;
+    }
+  }
+  for (; at <= lastStart; ++at) {
+    if (std::memcmp(base + at, needle.data(), n) == 0) return at;
+  }
+  return std::string::npos;
 }
 
 // A deliberately small field extractor, not a JSON parser: the first textual occurrence of the
 // quoted key wins wherever it stands, and the value starts after the next ':' and any blanks.
 // Signed manifests are read this way by every launcher in the field, so the rules must not drift.
-std::optional<std::size_t> valueStart(const std::string& text, const std::string& key) {
-  const std::string needle = "\"" + key + "\"";
-  const std::size_t found = findText(text, needle, 0);
+// Keys are passed with their quotes, so that no lookup builds a string.
+std::optional<std::size_t> valueStart(std::string_view text, std::string_view quotedKey) {
+  const std::size_t found = findText(text, quotedKey, 0);
   if (found == std::string::npos) return std::nullopt;
-  const std::size_t afterNeedle = found + needle.size();
+  const std::size_t afterNeedle = found + quotedKey.size();
   if (afterNeedle >= text.size()) return std::nullopt;
   const std::size_t colon = text.find(':', afterNeedle);
   if (colon == std::string::npos) return std::nullopt;
@@ -42,14 +66,14 @@ std::optional<std::size_t> valueStart(const std::string& text, const std::string
 }
 
 // The first '"' or backslash at or after `from`: where a plain run inside a string ends.
-std::size_t stringStop(const std::string& text, std::size_t from) {
+std::size_t stringStop(std::string_view text, std::size_t from) {
   while (from < text.size() && text[from] != '"' && text[from] != '\\') ++from;
   return std::min(from, text.size());
 }
 
 // Only \n, \r and \t are translated; any other escaped byte stands for itself (so a \u escape
 // keeps its four hex digits as plain text). An unterminated string yields what was read.
-std::string jsonString(const std::string& text, const std::string& key) {
+std::string jsonString(std::string_view text, std::string_view key) {
   const std::optional<std::size_t> start = valueStart(text, key);
   if (!start || text[*start] != '"') return {};
   std::string value;
@@ -66,7 +90,7 @@ std::string jsonString(const std::string& text, const std::string& key) {
 
 // Leading decimal digits with an optional '-'; an over-long number wraps modulo 2^64. The sum is
 // kept unsigned so the wrap is defined behaviour, then converted back.
-long long jsonInt(const std::string& text, const std::string& key, long long fallback) {
+long long jsonInt(std::string_view text, std::string_view key, long long fallback) {
   const std::optional<std::size_t> start = valueStart(text, key);
   if (!start) return fallback;
   std::size_t at = *start;
@@ -84,10 +108,10 @@ long long jsonInt(const std::string& text, const std::string& key, long long fal
 }
 
 // Only the four bytes "true" count; whatever follows them is ignored.
-bool jsonBool(const std::string& text, const std::string& key, bool fallback) {
+bool jsonBool(std::string_view text, std::string_view key, bool fallback) {
   const std::optional<std::size_t> start = valueStart(text, key);
   if (!start) return fallback;
-  return text.compare(*start, 4, "true") == 0;
+  return text.substr(*start, 4) == "true";
 }
 
 std::int32_t low32(long long value) {
@@ -95,15 +119,15 @@ std::int32_t low32(long long value) {
 }
 
 void readHeader(const std::string& text, Manifest& manifest) {
-  manifest.format = low32(jsonInt(text, "format", 1));
-  manifest.product = jsonString(text, "product");
-  manifest.channel = jsonString(text, "channel");
-  manifest.platform = jsonString(text, "platform");
-  manifest.version = jsonString(text, "version");
-  manifest.protocolVersion = low32(jsonInt(text, "protocol_version", 0));
-  manifest.minimumOnlineVersion = jsonString(text, "minimum_online_version");
-  manifest.mandatory = jsonBool(text, "mandatory", false);
-  manifest.releaseNotes = jsonString(text, "release_notes");
+  manifest.format = low32(jsonInt(text, R"("format")", 1));
+  manifest.product = jsonString(text, R"("product")");
+  manifest.channel = jsonString(text, R"("channel")");
+  manifest.platform = jsonString(text, R"("platform")");
+  manifest.version = jsonString(text, R"("version")");
+  manifest.protocolVersion = low32(jsonInt(text, R"("protocol_version")", 0));
+  manifest.minimumOnlineVersion = jsonString(text, R"("minimum_online_version")");
+  manifest.mandatory = jsonBool(text, R"("mandatory")", false);
+  manifest.releaseNotes = jsonString(text, R"("release_notes")");
 }
 
 bool headerValid(const Manifest& manifest) {
@@ -121,7 +145,6 @@ void forEachFileObject(const std::string& text, Visit visit) {
   if (key == std::string::npos) return;
   const std::size_t bracket = text.find('[', key + 7);
   if (bracket == std::string::npos) return;
-  std::string object;  // reused, so entries cost no allocation once it has grown
   std::int64_t depth = 0;
   std::size_t objectStart = std::string::npos;  // none recorded
   for (std::size_t i = bracket + 1; i < text.size(); ++i) {
@@ -136,7 +159,7 @@ void forEachFileObject(const std::string& text, Visit visit) {
     } else if (c == '}') {
       --depth;
       if (depth == 0 && objectStart != std::string::npos) {
-        object.assign(text, objectStart, i - objectStart + 1);
+        const std::string_view object(text.data() + objectStart, i - objectStart + 1);
         objectStart = std::string::npos;
         if (!visit(object)) return;
       }
@@ -146,13 +169,13 @@ void forEachFileObject(const std::string& text, Visit visit) {
   }
 }
 
-ManifestFile readFile(const std::string& object) {
+ManifestFile readFile(std::string_view object) {
   ManifestFile file;
-  file.path = jsonString(object, "path");
-  file.sha256 = jsonString(object, "sha256");
-  const long long size = jsonInt(object, "size", 0);
+  file.path = jsonString(object, R"("path")");
+  file.sha256 = jsonString(object, R"("sha256")");
+  const long long size = jsonInt(object, R"("size")", 0);
   file.size = size < 0 ? 0 : static_cast<std::uint64_t>(size);
-  file.executable = jsonBool(object, "executable", false);
+  file.executable = jsonBool(object, R"("executable")", false);
   return file;
 }
 
@@ -170,7 +193,7 @@ bool parseManifest(const std::string& text, Manifest& out, std::string& error) {
     return false;
   }
   bool filesValid = true;
-  forEachFileObject(text, [&](const std::string& object) {
+  forEachFileObject(text, [&](std::string_view object) {
     ManifestFile file = readFile(object);
     filesValid = fileValid(file);
     if (filesValid) manifest.files.push_back(std::move(file));
