@@ -1,6 +1,8 @@
 // tarn-hollow-update-helper: swaps a new launcher executable in after the launcher quits, then
 // starts it again. The launcher starts it as its last act of a self-update.
 
+#include <unistd.h>
+
 #include <chrono>
 #include <iostream>
 #include <string>
@@ -24,6 +26,10 @@ constexpr auto kWaitLimit = std::chrono::seconds(30);
 
 int main(int argc, char** argv) {
   th::update::recordStartSignals();  // the relaunched launcher gets what this process was given
+  // Out of the launcher's session and process group: a launcher that led a terminal's session
+  // (started as the terminal's command) hangs the terminal up as it quits, and the hang-up would
+  // end this wait before the swap, at every start.
+  setsid();
   using namespace th::helper;
   HelperOptions options;
   std::string error;

@@ -62,30 +62,45 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
 }
 
 // The new launcher starts after the old one ended (the helper's parent, or the process named), with
-// what the helper was given but its descriptors beyond 0-2. The log is never written through a
-// link.
+// what the helper was given but its descriptors beyond 0-2; also when the old one led a terminal's
+// session, whose end hangs up its process group. The log is never written through a link.
 TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
   const std::string args = " --replace " + kStaged + "tarn-hollow-launcher" + kTarget;
-  const std::string given = "nice=" + std::to_string(getpriority(PRIO_PROCESS, 0) + 3) +
-                            "\nfd=0 .*\nfd=1 .*\nfd=2 .*\nSigBlk:\t0{13}200\nSigIgn:\t0{13}80";
-  for (const bool helperIsChildOfLauncher : {true, false}) {
-    // SIGHUP and SIGUSR2 ignored; a shell's background job has SIGINT and SIGQUIT ignored too.
-    const std::regex clean(given + (helperIsChildOfLauncher ? "7\n" : "1\n"));
-    SCOPED_TRACE(helperIsChildOfLauncher ? "own pid, parent is the launcher" : "other pid");
+  const std::string nice = "nice=" + std::to_string(getpriority(PRIO_PROCESS, 0));
+  const std::string unclean = "nice=" + std::to_string(getpriority(PRIO_PROCESS, 0) + 3) +
+                              "\nfd=0 .*\nfd=1 .*\nfd=2 .*\nSigBlk:\t0{13}200\nSigIgn:\t0{13}80";
+  // SIGHUP and SIGUSR2 ignored; a shell's background job has SIGINT and SIGQUIT ignored too.
+  const struct {
+    const char* name;
+    bool helperIsChildOfLauncher, inTerminal;
+    std::string given;
+  } cases[] = {
+      {"own pid, parent is the launcher", true, false, unclean + "7\n"},
+      {"other pid", false, false, unclean + "1\n"},
+      {"the launcher led a terminal's session", true, true,
+       nice + "\nfd=0 .*\nfd=1 .*\nfd=2 .*\nSigBlk:\t0{16}\nSigIgn:\t0{15}6\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     TempDir root;  // the old launcher is a shell, so that it can start the helper as its child
-    fs::copy_file("/bin/sh", root / "tarn-hollow-launcher");
+    const std::string launcher = (root / "tarn-hollow-launcher").string();
+    fs::copy_file("/bin/sh", launcher);
     fs::create_directories(root / kStaged);
     fs::copy_file(TH_RECORDER, root / kStaged / "tarn-hollow-launcher");
     writeBytes(root / "victim", "");
     fs::create_symlink("../victim", root / ".tarnhollow-update/helper.log");
     const ProcessOptions options{{{"TH_RECORD_FILE", (root / "record").string()}}, root.path()};
-    const std::string startHelper =
-        "sh -c 'exec \"$0\" --wait-pid $$" + args + "' " TH_UPDATE_HELPER " & ";
-    ChildProcess old({TH_RECORDER, "--exec-unclean", (root / "tarn-hollow-launcher").string(), "-c",
-                      (helperIsChildOfLauncher ? startHelper : "") + "sleep 1; touch ended"},
+    writeBytes(root / "old", (c.helperIsChildOfLauncher ? "sh -c 'exec \"$0\" --wait-pid $$" +
+                                                              args + "' " TH_UPDATE_HELPER " & "
+                                                        : "") +
+                                 std::string("sleep 1; touch ended"));
+    ChildProcess old(c.inTerminal
+                         ? std::vector<std::string>{"/usr/bin/script", "-qfec",
+                                                    "exec " + launcher + " old", "/dev/null"}
+                         : std::vector<std::string>{TH_RECORDER, "--exec-unclean", launcher, "old"},
                      options);
     std::optional<ChildProcess> helper;
-    if (!helperIsChildOfLauncher) {
+    if (!c.helperIsChildOfLauncher) {
       helper.emplace(std::vector<std::string>{"/bin/sh", "-c",
                                               "exec " TH_RECORDER
                                               " --exec-unclean " TH_UPDATE_HELPER " --wait-pid " +
@@ -96,7 +111,7 @@ TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
     ASSERT_TRUE(waitUntil([&] { return fs::exists(root / "record"); }, 20s));
     EXPECT_GE(fs::last_write_time(root / "record"), fs::last_write_time(root / "ended"));
     const std::string record = readBytes(root / "record");
-    EXPECT_TRUE(std::regex_search(record, clean)) << record;
+    EXPECT_TRUE(std::regex_search(record, std::regex(c.given))) << record;
     EXPECT_EQ(readBytes(root / "victim"), "");
   }
 }
