@@ -24,7 +24,7 @@ namespace {
 // milliseconds after the job starts, the check takes seconds. The worker keeps the launcher's
 // priority: a thread's nice value passes to what it forks, and the hand-off forks the helper,
 // the restarted launcher and so the game from this thread.
-constexpr std::chrono::milliseconds kStartUpJobPause{50};
+constexpr std::chrono::milliseconds kStartUpJobPause{100};
 
 // What a successful check means for this installation.
 struct CheckOutcome {
