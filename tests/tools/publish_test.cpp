@@ -449,6 +449,15 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
                        Args(revert.begin() + 3, revert.end()))
                    .err,
                kRefused, {"--to '0.9.0': no finished release of that version is kept"});
+  // A kept file damaged on disk is named, and nothing is published.
+  fs::path level;
+  for (const auto& entry : fs::directory_iterator(releases))
+    if (entry.path().string().ends_with("-1.0.1")) level = entry.path() / "files/data/level.pak";
+  const std::string kept = readBytes(level);
+  writeBytes(level, kept + "!");
+  expectReport(publish(revert + Args{"--as", "1.1.1"}).err, kRefused,
+               {"data/level.pak: not as the manifest of the kept release 1.0.1 lists it"});
+  writeBytes(level, kept);
   const ProcessResult reverted = publish(revert + Args{"--as", "1.1.1"});
   ASSERT_EQ(reverted.exitCode, 0) << reverted.err;
   EXPECT_PRED_FORMAT2(IsSubstring, "with the files of 1.0.1, signed afresh", reverted.out);

@@ -37,14 +37,16 @@ void matchKeptRelease(const ReleaseOptions& options, const update::Manifest& kep
   for (const update::ManifestFile& file : kept.files) listed.emplace(file.path, &file);
   for (update::ManifestFile& file : manifest.files) {
     const auto found = listed.find(file.path);
-    if (found == listed.end() || found->second->sha256 != file.sha256 ||
-        found->second->size != file.size) {
-      problems.push_back(file.path + ": not as the manifest of the kept release " +
-                         options.revertTo + " lists it");
+    if (found == listed.end()) {
+      problems.push_back(file.path + ": not listed by the kept release " + options.revertTo);
       continue;
     }
+    if (found->second->sha256 != file.sha256 || found->second->size != file.size) {
+      problems.push_back(file.path + ": not as the manifest of the kept release " +
+                         options.revertTo + " lists it");
+    }
     file.executable = found->second->executable;
-    listed.erase(found);
+    listed.erase(found);  // present, whole or not: not also "missing"
   }
   for (const auto& [path, file] : listed) {
     problems.push_back(path + ": listed by the kept release " + options.revertTo +
