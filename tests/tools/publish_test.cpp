@@ -454,7 +454,7 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
   for (const auto& entry : fs::directory_iterator(releases))
     if (entry.path().string().ends_with("-1.0.1")) level = entry.path() / "files/data/level.pak";
   const std::string kept = readBytes(level);
-  writeBytes(level, kept + "!");
+  writeBytes(level, "!" + kept.substr(1));
   expectReport(publish(revert + Args{"--as", "1.1.1"}).err, kRefused,
                {"data/level.pak: not as the manifest of the kept release 1.0.1 lists it"});
   writeBytes(level, kept);
