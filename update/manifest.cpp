@@ -17,6 +17,17 @@
 namespace th::update {
 namespace {
 
+// One bit per start in [at, at + 16) whose byte after it equals the key's second byte and whose
+// byte n - 2 after it equals the key's second-to-last byte (a key of n bytes). Both loads stay
+// inside the text when at + 16 <= text.size() - n + 1: they end at that bound and at the text's
+// second-to-last byte.
+unsigned candidateStarts(const char* at, std::size_t n, __m128i second, __m128i penultimate) {
+  const __m128i afterQuote = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + 1));
+  const __m128i beforeQuote = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + n - 2));
+  return static_cast<unsigned>(_mm_movemask_epi8(
+      _mm_and_si128(_mm_cmpeq_epi8(afterQuote, second), _mm_cmpeq_epi8(beforeQuote, penultimate))));
+}
+
 // Plain substring search for a quoted key (at least three bytes). Every key and string value
 // starts with a quote, so a search led by the first byte stops all the time; this one first
 // compares the bytes after the opening quote and before the closing one, sixteen places at a
@@ -29,14 +40,8 @@ std::size_t findText(std::string_view text, std::string_view needle, std::size_t
   const std::size_t lastStart = text.size() - n;
   const __m128i second = _mm_set1_epi8(needle[1]), penultimate = _mm_set1_epi8(needle[n - 2]);
   std::size_t at = from;
-  // Both loads of a block stay inside the text: they end at lastStart + 1 and at the text's
-  // second-to-last byte.
   for (; at + 16 <= lastStart + 1; at += 16) {
-    const auto* a = reinterpret_cast<const __m128i*>(base + at + 1);
-    const auto* b = reinterpret_cast<const __m128i*>(base + at + n - 2);
-    unsigned candidates = static_cast<unsigned>(
-        _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(_mm_loadu_si128(a), second),
-                                        _mm_cmpeq_epi8(_mm_loadu_si128(b), penultimate))));
+    unsigned candidates = candidateStarts(base + at, n, second, penultimate);
     for (; candidates != 0; candidates &= candidates - 1) {
       const std::size_t start = at + static_cast<std::size_t>(__builtin_ctz(candidates));
       if (std::memcmp(base + start, needle.data(), n) == 0) return start;
