@@ -13,9 +13,8 @@ bool findKeptRelease(const ReleaseStore& store, ReleaseOptions& options, update:
   std::filesystem::path folder;
   if (!store.findKept(options.revertTo, folder, kept)) {
     problems.push_back("--to '" + options.revertTo +
-                       "': no finished release of that version is kept"
-                       " for " +
-                       options.channel + "/" + options.platform);
+                       "': no finished release of that version is kept for " + options.channel +
+                       "/" + options.platform);
     return false;
   }
   options.from = folder / "files";
