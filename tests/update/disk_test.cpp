@@ -119,7 +119,8 @@ std::vector<Call> sweep(const FileSystem& type, const std::string& what,
     const std::string name = line.substr(0, line.find('('));
     if (name.find(' ') != std::string::npos) continue;  // a signal or the exit
     const bool opensMarker = line.find("game_version\", O_WRONLY") != std::string::npos;
-    const bool writesMarker = markerOpen && name == "write";
+    // An unbuffered stream writes with writev.
+    const bool writesMarker = markerOpen && (name == "write" || name == "writev");
     markerOpen = opensMarker || (markerOpen && !writesMarker);
     calls.push_back({name, ++seen[name], std::regex_search(line, kChange) || writesMarker,
                      opensMarker || writesMarker});
