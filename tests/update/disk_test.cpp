@@ -124,6 +124,10 @@ std::vector<Call> sweep(const FileSystem& type, const std::string& what,
     markerOpen = opensMarker || (markerOpen && !writesMarker);
     calls.push_back({name, ++seen[name], std::regex_search(line, kChange) || writesMarker,
                      opensMarker || writesMarker});
+    // The status calls between the last rename and the marker's opening are that same instant.
+    for (auto before = calls.rbegin() + 1;
+         opensMarker && before != calls.rend() && !before->name.starts_with("rename"); ++before)
+      before->atMarker = true;
   }
   // The chosen calls, TH_POWER_CUT_RANDOM (default 2) others picked at random, and the end: what a
   // program has flushed must be on disk when it is done.
