@@ -187,9 +187,10 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
   publishRawManifest(s.server, bad, signHex(bad));
   writeBytes(served / "files" / "data" / "levels" / "one.dat", std::string(70000, 'M'));
   fs::remove(served / "files" / "tarn-hollow");
-  expectVerify(nginx.url(), {"data/empty.flag: 0 bytes, the manifest says 2",
-                             "data/levels/one.dat: SHA-256 " + sha256Hex(std::string(70000, 'M')),
-                             "tarn-hollow: cannot be downloaded: HTTP response code said error"});
+  expectVerify(nginx.url(),
+               {"data/empty.flag: 0 bytes, the manifest says 2",
+                "data/levels/one.dat: SHA-256 " + sha256Hex(std::string(70000, 'M')),
+                "tarn-hollow: cannot be downloaded: HTTP response code said error (HTTP 404)"});
   publishRawManifest(s.server, bad, signHex(bad, TH_DEV_RSA_PRIVATE_KEY));
   expectVerify(nginx.url(), {"the manifest is refused: manifest_signature_verify_failed"});
   // The damaged data/levels/one.dat, listed unchanged by the served manifest, is copied afresh.
@@ -355,10 +356,10 @@ TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
   EXPECT_PRED_FORMAT2(IsSubstring, "another release of beta/linux is being published", loser.err());
   EXPECT_TRUE(fs::exists(beta / ".lock"));
   std::vector<std::unique_ptr<ChildProcess>> runs;
-  runs.push_back(std::make_unique<ChildProcess>(s.args("1.0.1")));
+  runs.push_back(std::make_unique<ChildProcess>(s.args("2.0.0")));
   // The same on a kernel without openat2, walking the release folder by descriptors.
   runs.push_back(std::make_unique<ChildProcess>(
-      underStrace("inject=openat2:error=ENOSYS", s.args("1.0.1")), tracedOptions()));
+      underStrace("inject=openat2:error=ENOSYS", s.args("2.0.0")), tracedOptions()));
   for (const char* version : {"1.1.0", "1.2.0"})
     runs.push_back(std::make_unique<ChildProcess>(s.next(version, {"--keep", "2"})));
   const std::string waiting = "waiting for another release of stable/linux to finish\n";
@@ -376,14 +377,20 @@ TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
                         "data/levels/one.dat: cannot be read: a symbolic link on its way",
                         runs[i]->err());
   }
-  for (size_t i = 2; i < runs.size(); ++i) EXPECT_EQ(runs[i]->wait(60s), 0) << runs[i]->err();
+  // Whichever takes the lock first: 1.1.0 after 1.2.0 is refused as a downgrade; either way two
+  // finished releases are kept.
+  EXPECT_EQ(runs[3]->wait(60s), 0) << runs[3]->err();
+  if (runs[2]->wait(60s) != 0) {
+    EXPECT_PRED_FORMAT2(IsSubstring, "--version '1.1.0' is not above the served release 1.2.0",
+                        runs[2]->err());
+  }
   // Both are whole: verify passes on the one served last and, linked back in, the one before.
   NginxServer nginx(s.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
   expectVerify(nginx.url(), {});
   std::set<std::string> names;
   for (const auto& entry : fs::directory_iterator(releases)) names.insert(entry.path().filename());
-  ASSERT_EQ(names.size(), 3u);  // 1.0.0 pruned (--keep 2), the unfinished one too; and the lock
+  ASSERT_EQ(names.size(), 3u);  // two kept (--keep 2), the unfinished one pruned; and the lock
   EXPECT_EQ(*names.begin(), ".lock");
   fs::create_symlink(".releases/linux/" + *std::next(names.begin()),
                      s.server / "stable" / "linux.new");
@@ -409,27 +416,57 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
   fs::permissions(s.release / "data" / "world.pak", fs::perms(0755));
   writeBytes(s.scratch / "short", kNotes.substr(0, 79));
   const struct {
-    Args extra, named, unnamed;
+    std::string version;
+    Args extra;
+    int exitCode;
+    Args named, unnamed;
   } table[] = {
-      {{"--channel", "beta"},
-       {"--channel 'beta': launchers only ever ask for channel 'stable'"},
+      {"1.1.0",
+       {"--channel", "beta", "--notes", s.notes},
+       0,
+       {"--channel 'beta': launchers only ever ask for channel 'stable', so no player"},
+       {"platform"}},
+      {"1.1.0",
+       {"--platform", "windows"},
+       0,
+       {"--platform 'windows': launchers only ever ask for platform 'linux', so no player",
+        "no --notes given: launchers show release notes only from 80 bytes up"},
+       {"channel"}},
+      {"1.0.0",
+       {},
+       1,
+       {"--version '1.0.0' is not above the served release 1.0.1: launchers on 1.0.1 never "
+        "install a lower version (they say DOWNGRADE BLOCKED), nor tell two releases of one "
+        "version apart; to bring back an earlier release's files, use revert --to"},
        {}},
-      {{"--notes", s.scratch / "short"},
+      {"1.1.0",
+       {"--minimum-online-version", "9.0.0"},
+       1,
+       {"--minimum-online-version '9.0.0': the minimum online version 9.0.0 is above the "
+        "release's own version 1.1.0: players stay below it after installing the release, so "
+        "PLAY stays locked"},
+       {}},
+      {"1.1.0",
+       {"--notes", s.scratch / "short", "--minimum-online-version", "1.1.0"},
+       0,
        {"the release notes are 79 bytes: launchers show release notes only from 80",
         "data/world.pak: only its executable flag changed (now on)"},
-       {"channel"}},
-      {{"--notes", s.notes},
+       {"channel", "locked"}},
+      {"1.1.0", {}, 1, {"--version '1.1.0' is not above the served release 1.1.0"}, {}},
+      {"1.1.1",
+       {"--notes", s.notes},
+       0,
        {"no file differs from the served release 1.1.0: launchers on it install nothing"},
        {"flag", "release notes"}},
   };
   for (const auto& row : table) {
-    const ProcessResult result = runProcess(s.args("1.1.0", row.extra));
-    EXPECT_EQ(result.exitCode, 0) << result.err;
+    const ProcessResult result = runProcess(s.args(row.version, row.extra));
+    EXPECT_EQ(result.exitCode, row.exitCode) << result.err;
     for (const std::string& name : row.named) EXPECT_PRED_FORMAT2(IsSubstring, name, result.err);
     for (const std::string& name : row.unnamed) EXPECT_EQ(result.err.find(name), std::string::npos);
   }
   prepareInstall(bad, nginx.url());
-  EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, bad, nginx.url()}).out, "1.1.0\n");
+  EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, bad, nginx.url()}).out, "1.1.1\n");
 
   const Args revert{"revert",           "--to",          "1.0.1", "--key",
                     TH_DEV_PRIVATE_KEY, "--server-root", s.server};
@@ -439,71 +476,112 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
     F_WRLCK, SEEK_SET, 0, 0, 0
   };
   ASSERT_EQ(fcntl(held.get(), F_OFD_SETLK, &whole), 0);
-  expectReport(publish(revert + Args{"--as", "1.1.1", "--no-wait"}).err, kRefused,
+  expectReport(publish(revert + Args{"--as", "1.1.2", "--no-wait"}).err, kRefused,
                {"another release of stable/linux is being published"});
   whole.l_type = F_UNLCK;
   fcntl(held.get(), F_OFD_SETLK, &whole);
-  expectReport(publish(revert + Args{"--as", "1.1.0"}).err, kRefused,
-               {"--as '1.1.0' is not above the served release 1.1.0"});
-  expectReport(publish(Args{"revert", "--to", "0.9.0", "--as", "1.1.1"} +
+  expectReport(publish(revert + Args{"--as", "1.1.1"}).err, kRefused,
+               {"--as '1.1.1' is not above the served release 1.1.1"});
+  expectReport(publish(revert + Args{"--as", "0.16.99"}).err, kRefused,
+               {"--as '0.16.99' is below 0.16.117, the version of an install without a version "
+                "marker: every new player's launcher would say DOWNGRADE BLOCKED and never "
+                "install it (choose an --as of 0.16.117 or above)"});
+  expectReport(publish(Args{"revert", "--to", "0.9.0", "--as", "1.1.2"} +
                        Args(revert.begin() + 3, revert.end()))
                    .err,
-               kRefused, {"--to '0.9.0': no finished release of that version is kept"});
+               kRefused,
+               {"--to '0.9.0': no finished release of that version is kept for stable/linux "
+                "(kept: 1.1.1, 1.1.0, 1.0.1)"});
   // A kept file damaged on disk is named, and nothing is published.
   fs::path level;
   for (const auto& entry : fs::directory_iterator(releases))
     if (entry.path().string().ends_with("-1.0.1")) level = entry.path() / "files/data/level.pak";
   const std::string kept = readBytes(level);
   writeBytes(level, "!" + kept.substr(1));
-  expectReport(publish(revert + Args{"--as", "1.1.1"}).err, kRefused,
+  expectReport(publish(revert + Args{"--as", "1.1.2"}).err, kRefused,
                {"data/level.pak: not as the manifest of the kept release 1.0.1 lists it"});
   writeBytes(level, kept);
-  const ProcessResult reverted = publish(revert + Args{"--as", "1.1.1"});
+  const ProcessResult reverted = publish(revert + Args{"--as", "1.1.2", "--notes", s.notes});
   ASSERT_EQ(reverted.exitCode, 0) << reverted.err;
-  EXPECT_PRED_FORMAT2(IsSubstring, "with the files of 1.0.1, signed afresh", reverted.out);
+  EXPECT_PRED_FORMAT2(IsSubstring, "with the files of 1.0.1, signed afresh\n", reverted.out);
+  EXPECT_PRED_FORMAT2(IsSubstring, "\nolder releases removed (beyond --keep 3): 1.0.1\n",
+                      reverted.out);
+  // Players moved see the revert's notes, online as offline.
+  update::Manifest revertManifest;
+  std::string unread;
+  const fs::path served = channelFolder(s.server);
+  ASSERT_TRUE(update::parseManifest(readBytes(served / "manifest.json"), revertManifest, unread));
+  EXPECT_EQ(revertManifest.releaseNotes,
+            "Tarn Hollow v1.1.2\n\nThe files of 1.0.1, again.\n\n" + kNotes + "\n");
+  EXPECT_EQ(readBytes(served / "files" / "PATCH_NOTES_v1.1.2.txt"), revertManifest.releaseNotes);
   EXPECT_PRED_FORMAT2(IsSubstring, "data/world.pak: only its executable flag changed (now off)",
                       reverted.err);
   // Both end on 1.1.1 with the kept files: the one who never left 1.0.1 installs the revert's
   // own notes file, so that its marker is rewritten too.
   for (const fs::path& player : {bad, before}) {
-    EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, player, nginx.url()}).out, "1.1.1\n");
+    EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, player, nginx.url()}).out, "1.1.2\n");
     EXPECT_EQ(readBytes(player / "tarn-hollow"), readBytes(s.scratch / "1.0.1" / "tarn-hollow"));
     EXPECT_EQ(fileMode(player / "tarn-hollow"), 0755u);
   }
   expectVerify(nginx.url(), {});
 }
 
-// Misuse exits with 2 naming the problem before the usage; help and version go to standard output.
+// Misuse exits with 2 naming the problem before the usage; help and version go to standard output;
+// a --public-key that no launcher trusts is refused before any request.
 TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
+  const std::string common = "release --from r --version 1 --key k --server-root s";
+  const std::string rsaKey = TH_SOURCE_DIR "/tests/keys/dev-only-rsa-update-public-key.pem";
+  const std::string devKey = "This build pins the DEVELOPMENT key, whose private half is public";
   const struct {
-    Args args;
+    std::string args;  // split at blanks
     int exitCode;
-    std::string start;  // of standard error after misuse, of standard output otherwise
+    std::string start;  // of standard output after success, else of standard error
   } table[] = {
-      {{}, 2, "missing command"},
-      {{"upload"}, 2, "unknown command 'upload'"},
-      {{"keygen"}, 2, "missing --out"},
-      {{"verify"}, 2, "missing --url"},
-      {{"release", "--from"}, 2, "missing value for --from"},
-      {{"release", "--from", "r", "--version", "1", "--key", "k"}, 2, "missing --server-root"},
-      {{"release", "--mandatory", "--mandatory"}, 2, "repeated --mandatory"},
-      {{"release", "--force"}, 2, "unknown argument '--force'"},
-      {{"revert", "--to", "1.0.0"}, 2, "missing --as"},
-      {{"keygen", "--out", "k", "--unencrypted", "--passphrase-env", "P"}, 2, "--unencrypted"},
-      {{"keygen", "--out", "k", "--passphrase-file", "f", "--passphrase-env", "P"}, 2, "give"},
-      {{"-h"}, 0, "usage: tarn-hollow-publish keygen --out DIR\n           [--passphrase-file"},
-      {{"release", "--help"}, 0, "usage: tarn-hollow-publish release --from"},
-      {{"--version"}, 0, "tarn-hollow-publish " TH_VERSION "\n"},
+      {"", 2, "missing command"},
+      {"upload", 2, "unknown command 'upload'"},
+      {"keygen", 2, "missing --out"},
+      {"verify", 2, "missing --url"},
+      {"release --from", 2, "missing value for --from"},
+      {"release --from r --version 1 --key k", 2, "missing --server-root"},
+      {"release --mandatory --mandatory", 2, "repeated --mandatory"},
+      {"release --force", 2, "unknown argument '--force'"},
+      {"release --mandatory=yes", 2, "--mandatory takes no value"},
+      {"release --notes --help", 2, "missing --from"},  // a value, not a call for help
+      {common + " --keep=abc", 2, "--keep 'abc' is not a whole number from 1 to 2147483647"},
+      {common + " --keep 0", 2, "--keep '0' is not a whole number"},
+      {"revert --to 1.0.0", 2, "missing --as"},
+      {"keygen --out k --unencrypted --passphrase-env P", 2, "--unencrypted"},
+      {"keygen --out=k --passphrase-file f --passphrase-env P", 2, "give"},
+      {"verify --url http://127.0.0.1:9 --public-key /none", 1,
+       "nothing was checked:\n  /none: the public key cannot be read: No such file or directory"},
+      {"verify --url http://127.0.0.1:9 --public-key=" + rsaKey, 1,
+       "nothing was checked:\n  " + rsaKey + ": its fingerprint is " +
+           sha256Hex(readBytes(rsaKey)) + ", but this build pins " +
+           sha256Hex(readBytes(TH_DEV_PUBLIC_KEY)) + ": launchers built with it trust no"},
+      {"-h", 0, devKey},
+      {"release --channel=--help --help", 0, devKey},
+      {"--version", 0,
+       "tarn-hollow-publish " TH_VERSION "\npins the update key with fingerprint " +
+           sha256Hex(readBytes(TH_DEV_PUBLIC_KEY)) + "\n" + devKey},
   };
-  EXPECT_PRED_FORMAT2(IsSubstring, "--mandatory locks PLAY for every player, those already on V",
-                      publish({"release", "--help"}).out);
   for (const auto& row : table) {
-    const auto result = publish(row.args);
-    const bool misuse = row.exitCode == 2;
-    const std::string want = misuse ? "tarn-hollow-publish: " + row.start : row.start;
-    EXPECT_EQ(result.exitCode, row.exitCode) << row.start;
-    EXPECT_EQ((misuse ? result.err : result.out).substr(0, want.size()), want);
-    EXPECT_TRUE(!misuse || result.err.find("\nusage: ") != std::string::npos) << result.err;
+    Args args;
+    std::istringstream words(row.args);
+    for (std::string word; words >> word;) args.push_back(word);
+    const auto result = publish(args);
+    const std::string want = row.exitCode == 0 ? row.start : "tarn-hollow-publish: " + row.start;
+    EXPECT_EQ(result.exitCode, row.exitCode) << row.args;
+    EXPECT_EQ((row.exitCode == 0 ? result.out : result.err).substr(0, want.size()), want);
+    EXPECT_EQ(row.exitCode == 2, result.err.find("\nusage:") != std::string::npos) << result.err;
+  }
+  // Each command's help explains every option its synopsis names, and the exit statuses.
+  for (const char* command : {"keygen", "release", "revert", "verify"}) {
+    const std::string help = publish({command, "--help"}).out;
+    const std::string synopsis = help.substr(0, help.find("\n\n"));
+    EXPECT_PRED_FORMAT2(IsSubstring, "\nExit status: 0 done; 1 refused or failed", help);
+    for (size_t at = synopsis.find("--"); at != std::string::npos; at = synopsis.find("--", at + 2))
+      EXPECT_PRED_FORMAT2(
+          IsSubstring, "\n  " + synopsis.substr(at, synopsis.find_first_of(" ]\n", at) - at), help);
   }
 }
 

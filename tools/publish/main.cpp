@@ -11,10 +11,13 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/publish/build_variant.h"
 #include "tools/publish/keys/keygen.h"
 #include "tools/publish/options.h"
 #include "tools/publish/release/publish_release.h"
+#include "tools/publish/usage.h"
 #include "tools/publish/verify/verify_release.h"
+#include "update/pinned_key.h"
 
 namespace {
 
@@ -116,7 +119,11 @@ int publish(const th::publish::ReleaseOptions& options) {
   if (summary.linked > 0) {
     std::cout << summary.linked << " unchanged files linked from the previous release\n";
   }
-  if (summary.pruned > 0) std::cout << summary.pruned << " older releases removed\n";
+  if (!summary.pruned.empty()) {
+    std::cout << "older releases removed (beyond --keep " << options.keep << "):";
+    for (const std::string& version : summary.pruned) std::cout << ' ' << printable(version);
+    std::cout << '\n';
+  }
   return kExitDone;
 }
 
@@ -140,6 +147,9 @@ int verify(const Args& args) {
   if (!th::publish::parseVerifyOptions(args, options, error)) return usageError(error, "verify");
   th::publish::VerifySummary summary;
   std::vector<std::string> problems;
+  if (!th::publish::checkPublicKeyOption(options, problems)) {
+    return failed("nothing was checked", problems);
+  }
   const bool good = th::publish::verifyRelease(options, summary, problems);
   warn(summary.warnings);
   if (!good) {
@@ -151,27 +161,39 @@ int verify(const Args& args) {
   return kExitDone;
 }
 
+// The development-key variant says so wherever it introduces itself: releases signed for it
+// reach no player of a studio's build.
+std::string variantNote() {
+  return th::publish::builtWithDevelopmentKey()
+             ? "This build pins the DEVELOPMENT key, whose private half is public: for tests only, "
+               "never for a release.\n"
+             : "";
+}
+
+int version() {
+  std::cout << "tarn-hollow-publish " << TH_VERSION << '\n'
+            << "pins the update key with fingerprint " << th::update::pinnedKeyFingerprint() << '\n'
+            << variantNote();
+  return kExitDone;
+}
+
+int help(const std::string& command = "") {
+  std::cout << variantNote() << th::publish::helpText(command);
+  return kExitDone;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const Args words(argv + std::min(argc, 1), argv + argc);
   if (words.empty()) return usageError("missing command");
-  if (words[0] == "--version") {
-    std::cout << "tarn-hollow-publish " << TH_VERSION << '\n';
-    return kExitDone;
-  }
-  if (words[0] == "--help" || words[0] == "-h") {
-    std::cout << th::publish::usageText();
-    return kExitDone;
-  }
+  if (words[0] == "--version") return version();
+  if (words[0] == "--help" || words[0] == "-h") return help();
   static const std::map<std::string, int (*)(const Args&)> kCommands = {
       {"keygen", keygen}, {"release", release}, {"revert", revert}, {"verify", verify}};
   const auto command = kCommands.find(words[0]);
   if (command == kCommands.end()) return usageError("unknown command '" + words[0] + "'");
   const Args args(words.begin() + 1, words.end());
-  if (th::publish::asksForHelp(args)) {
-    std::cout << th::publish::usageText(words[0]);
-    return kExitDone;
-  }
+  if (th::publish::asksForHelp(words[0], args)) return help(words[0]);
   return command->second(args);
 }

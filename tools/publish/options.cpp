@@ -1,6 +1,7 @@
 #include "tools/publish/options.h"
 
 #include <algorithm>
+#include <charconv>
 #include <map>
 #include <set>
 
@@ -13,25 +14,70 @@ struct Grammar {
   std::set<std::string> required;  // valued options that must be given
 };
 
+Grammar publishingGrammar(Grammar own) {
+  own.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep",
+                     "--passphrase-file", "--passphrase-env"});
+  own.flags.insert({"--mandatory", "--no-wait"});
+  own.required.insert({"--key", "--server-root"});
+  return own;
+}
+
+const Grammar& grammarOf(const std::string& command) {
+  static const std::map<std::string, Grammar> kGrammars = {
+      {"keygen",
+       {{"--out", "--passphrase-file", "--passphrase-env"}, {"--unencrypted"}, {"--out"}}},
+      {"release",
+       publishingGrammar({{"--from", "--version", "--minimum-online-version", "--protocol-version"},
+                          {"--force-below-fresh-install"},
+                          {"--from", "--version"}})},
+      {"revert", publishingGrammar({{"--to", "--as"}, {}, {"--to", "--as"}})},
+      {"verify", {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}}},
+  };
+  return kGrammars.at(command);
+}
+
 using Values = std::map<std::string, std::string>;
+
+// One word of the command line: "--name value", or "--name=value" in one word.
+struct Word {
+  std::string name, value;
+  bool joined = false;  // the value came after '=' in the same word
+};
+
+Word splitWord(const std::string& word) {
+  const size_t equals = word.find('=');
+  if (!word.starts_with("--") || equals == std::string::npos) return {word, "", false};
+  return {word.substr(0, equals), word.substr(equals + 1), true};
+}
+
+bool takeWord(const std::vector<std::string>& args, size_t& i, const Grammar& grammar,
+              Values& values, std::string& error) {
+  Word word = splitWord(args[i]);
+  const bool flag = grammar.flags.count(word.name) > 0;
+  if (!flag && grammar.valued.count(word.name) == 0) {
+    error = "unknown argument '" + args[i] + "'";
+    return false;
+  }
+  if (flag && word.joined) {
+    error = word.name + " takes no value";
+    return false;
+  }
+  if (!flag && !word.joined && i + 1 < args.size()) word.value = args[++i];
+  if (!flag && word.value.empty()) {
+    error = "missing value for " + word.name;
+    return false;
+  }
+  if (!values.emplace(word.name, word.value).second) {
+    error = "repeated " + word.name;
+    return false;
+  }
+  return true;
+}
 
 bool parseWords(const std::vector<std::string>& args, const Grammar& grammar, Values& values,
                 std::string& error) {
   for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& name = args[i];
-    const bool flag = grammar.flags.count(name) > 0;
-    if (!flag && grammar.valued.count(name) == 0) {
-      error = "unknown argument '" + name + "'";
-      return false;
-    }
-    if (!flag && (i + 1 >= args.size() || args[i + 1].empty())) {
-      error = "missing value for " + name;
-      return false;
-    }
-    if (!values.emplace(name, flag ? "" : args[++i]).second) {
-      error = "repeated " + name;
-      return false;
-    }
+    if (!takeWord(args, i, grammar, values, error)) return false;
   }
   for (const std::string& name : grammar.required) {
     if (values.count(name) == 0) {
@@ -59,15 +105,17 @@ bool takePassphrase(const Values& values, PassphraseSource& source, std::string&
   return true;
 }
 
-// Parses the words with the options that release and revert share added to `grammar`, and takes
-// those.
-bool parsePublishing(const std::vector<std::string>& args, Grammar grammar, Values& values,
-                     ReleaseOptions& options, std::string& error) {
-  grammar.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep",
-                         "--passphrase-file", "--passphrase-env"});
-  grammar.flags.insert({"--mandatory", "--no-wait"});
-  grammar.required.insert({"--key", "--server-root"});
-  if (!parseWords(args, grammar, values, error) ||
+bool wholeNumberFromOne(const std::string& digits) {
+  int value = 0;
+  const char* end = digits.data() + digits.size();
+  const auto [stop, result] = std::from_chars(digits.data(), end, value);
+  return result == std::errc() && stop == end && value >= 1 && digits.front() != '+';
+}
+
+// Parses the words of release or revert and takes the options the two share.
+bool parsePublishing(const std::vector<std::string>& args, const std::string& command,
+                     Values& values, ReleaseOptions& options, std::string& error) {
+  if (!parseWords(args, grammarOf(command), values, error) ||
       !takePassphrase(values, options.passphrase, error)) {
     return false;
   }
@@ -79,52 +127,29 @@ bool parsePublishing(const std::vector<std::string>& args, Grammar grammar, Valu
   take(values, "--keep", options.keep);
   options.mandatory = values.count("--mandatory") > 0;
   options.wait = values.count("--no-wait") == 0;
+  if (!wholeNumberFromOne(options.keep)) {
+    error = "--keep '" + options.keep + "' is not a whole number from 1 to 2147483647";
+    return false;
+  }
   return true;
 }
 
 }  // namespace
 
-std::string usageText(const std::string& command) {
-  static const std::map<std::string, std::string> kUsage = {
-      {"keygen",
-       "       tarn-hollow-publish keygen --out DIR\n"
-       "           [--passphrase-file FILE | --passphrase-env NAME | --unencrypted]\n"},
-      {"release",
-       "       tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
-       "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
-       "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"
-       "           [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
-       "           [--force-below-fresh-install]\n"
-       "           --mandatory locks PLAY for every player, those already on V too, until a\n"
-       "           release without it replaces it.\n"},
-      {"revert",
-       "       tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
-       "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
-       "           [--mandatory] [--keep 3] [--no-wait] [--passphrase-file FILE |\n"
-       "           --passphrase-env NAME]\n"
-       "           publishes the files of a kept release again as NEW_V, above the served one.\n"},
-      {"verify",
-       "       tarn-hollow-publish verify --url URL [--channel stable] [--platform linux]\n"
-       "           [--public-key FILE] [--strict]\n"},
-  };
-  if (const auto found = kUsage.find(command); found != kUsage.end()) {
-    return "usage:" + found->second.substr(6);
+bool asksForHelp(const std::string& command, const std::vector<std::string>& args) {
+  const Grammar& grammar = grammarOf(command);
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--help" || args[i] == "-h") return true;
+    const Word word = splitWord(args[i]);
+    if (!word.joined && grammar.valued.count(word.name) > 0) ++i;  // the next word is its value
   }
-  return "usage:" + kUsage.at("keygen").substr(6) + kUsage.at("release") + kUsage.at("revert") +
-         kUsage.at("verify") + "       tarn-hollow-publish --help | --version\n";
-}
-
-bool asksForHelp(const std::vector<std::string>& args) {
-  return std::any_of(args.begin(), args.end(),
-                     [](const std::string& word) { return word == "--help" || word == "-h"; });
+  return false;
 }
 
 bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& options,
                         std::string& error) {
   Values values;
-  if (!parseWords(
-          args, {{"--out", "--passphrase-file", "--passphrase-env"}, {"--unencrypted"}, {"--out"}},
-          values, error) ||
+  if (!parseWords(args, grammarOf("keygen"), values, error) ||
       !takePassphrase(values, options.passphrase, error)) {
     return false;
   }
@@ -140,13 +165,7 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
 bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                          std::string& error) {
   Values values;
-  if (!parsePublishing(args,
-                       {{"--from", "--version", "--minimum-online-version", "--protocol-version"},
-                        {"--force-below-fresh-install"},
-                        {"--from", "--version"}},
-                       values, options, error)) {
-    return false;
-  }
+  if (!parsePublishing(args, "release", values, options, error)) return false;
   take(values, "--from", options.from);
   take(values, "--version", options.version);
   take(values, "--minimum-online-version", options.minimumOnlineVersion);
@@ -158,9 +177,7 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
 bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                         std::string& error) {
   Values values;
-  if (!parsePublishing(args, {{"--to", "--as"}, {}, {"--to", "--as"}}, values, options, error)) {
-    return false;
-  }
+  if (!parsePublishing(args, "revert", values, options, error)) return false;
   take(values, "--to", options.revertTo);
   take(values, "--as", options.version);
   return true;
@@ -169,11 +186,7 @@ bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& op
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error) {
   Values values;
-  if (!parseWords(args,
-                  {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}},
-                  values, error)) {
-    return false;
-  }
+  if (!parseWords(args, grammarOf("verify"), values, error)) return false;
   take(values, "--url", options.url);
   take(values, "--channel", options.channel);
   take(values, "--platform", options.platform);

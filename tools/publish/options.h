@@ -28,7 +28,8 @@ struct ReleaseOptions {
   std::string revertTo;            // revert: the kept release whose files are published again
   std::string minimumOnlineVersion;
   std::string protocolVersion = "0";  // checked with the other values, see publish_release.h
-  std::string keep = "3";             // releases kept on the server, the current one included
+  std::string keep = "3";             // releases kept on the server, the current one included;
+                                      // a whole number from 1, checked when parsed
   bool wait = true;                   // for another release of the channel and platform to finish
   PassphraseSource passphrase;        // asked for only when the key is encrypted
 };
@@ -52,10 +53,8 @@ bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& op
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error);
 
-// True when the words ask for help ("--help" or "-h").
-bool asksForHelp(const std::vector<std::string>& args);
-
-// The usage of one command ("keygen", "release", "revert", "verify"), or of all for any other name.
-std::string usageText(const std::string& command = "");
+// True when the words after `command` ask for help: "--help" or "-h" where an option's name
+// stands, not as an option's value.
+bool asksForHelp(const std::string& command, const std::vector<std::string>& args);
 
 }  // namespace th::publish

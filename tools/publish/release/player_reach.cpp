@@ -1,36 +1,93 @@
 #include "tools/publish/release/player_reach.h"
 
+#include <tuple>
+
 #include "launcher/layout.h"
 #include "launcher/patch_notes.h"
 #include "launcher/version_marker.h"
+#include "update/platform.h"
 #include "update/version.h"
 
 namespace th::publish {
+
+namespace {
+
+const std::string& versionOption(const ReleaseOptions& options) {
+  static const std::string kVersion = "--version", kAs = "--as";
+  return options.revertTo.empty() ? kVersion : kAs;
+}
+
+}  // namespace
 
 void checkAboveFreshInstall(const ReleaseOptions& options, std::vector<std::string>& problems) {
   if (options.belowFreshInstall ||
       update::compareVersion(options.version, kDefaultInstalledVersion) >= 0) {
     return;
   }
-  problems.push_back("--version '" + options.version + "' is below " + kDefaultInstalledVersion +
-                     ", the version of an install without a version marker: every new player's "
-                     "launcher would say DOWNGRADE BLOCKED and never install it (give "
-                     "--force-below-fresh-install if only players with a marker should get it)");
+  const std::string problem =
+      versionOption(options) + " '" + options.version + "' is below " + kDefaultInstalledVersion +
+      ", the version of an install without a version marker: every new player's launcher would "
+      "say DOWNGRADE BLOCKED and never install it";
+  problems.push_back(problem + (options.revertTo.empty()
+                                    ? " (give --force-below-fresh-install if only players with a "
+                                      "marker should get it)"
+                                    : " (choose an --as of " +
+                                          std::string(kDefaultInstalledVersion) + " or above)"));
+}
+
+void checkAboveServed(const ReleaseOptions& options, const ReleaseStore& store,
+                      std::vector<std::string>& problems) {
+  const std::string& served = store.servedVersion();
+  if (served.empty() || update::compareVersion(options.version, served) > 0) return;
+  if (!options.revertTo.empty()) {
+    problems.push_back("--as '" + options.version + "' is not above the served release " + served +
+                       ": launchers on it would never install it");
+    return;
+  }
+  problems.push_back("--version '" + options.version + "' is not above the served release " +
+                     served + ": launchers on " + served +
+                     " never install a lower version (they say DOWNGRADE BLOCKED), nor tell two "
+                     "releases of one version apart; to bring back an earlier release's files, "
+                     "use revert --to <kept version> --as <a version above " +
+                     served + ">");
+}
+
+std::string lockedOutByMinimum(const std::string& version, const std::string& minimum) {
+  if (minimum.empty() || update::compareVersion(minimum, version) <= 0) return {};
+  return "the minimum online version " + minimum + " is above the release's own version " +
+         version +
+         ": players stay below it after installing the release, so PLAY stays locked "
+         "for every player until a release of " +
+         minimum + " or above is served";
+}
+
+void checkNoLockOut(const ReleaseOptions& options, std::vector<std::string>& problems) {
+  const std::string lockOut = lockedOutByMinimum(options.version, options.minimumOnlineVersion);
+  if (!lockOut.empty()) {
+    problems.push_back("--minimum-online-version '" + options.minimumOnlineVersion +
+                       "': " + lockOut + " (give a minimum of at most " + options.version + ")");
+  }
 }
 
 void warnUnseen(const ReleaseOptions& options, const std::string& notes,
                 std::vector<std::string>& warnings) {
-  if (options.channel != kUpdateChannel) {
-    warnings.push_back("--channel '" + options.channel +
-                       "': launchers only ever ask for channel '" + kUpdateChannel +
-                       "', so no player will get this release");
+  for (const auto& [option, given, asked] :
+       {std::tuple{"--channel", options.channel, std::string(kUpdateChannel)},
+        std::tuple{"--platform", options.platform, update::platformKey()}}) {
+    if (given != asked) {
+      warnings.push_back(std::string(option) + " '" + given + "': launchers only ever ask for " +
+                         (option + 2) + " '" + asked + "', so no player will get this release");
+    }
   }
-  if (notes.size() < kMinServerNotesLength) {
+  const std::string shownInstead =
+      " launchers show release notes only from " + std::to_string(kMinServerNotesLength) +
+      " bytes up, and otherwise the install's own patch notes file (data/patch_notes.txt first), "
+      "which may be an older release's";
+  if (options.notes.empty() && options.revertTo.empty()) {
+    warnings.push_back("no --notes given:" + shownInstead);
+  } else if (notes.size() < kMinServerNotesLength) {
     warnings.push_back("the release notes are " + std::to_string(notes.size()) +
-                       " bytes: launchers show release notes only from " +
-                       std::to_string(kMinServerNotesLength) +
-                       " bytes up, and otherwise the install's own patch notes file "
-                       "(data/patch_notes.txt first), which may be an older release's");
+                       " bytes:" + shownInstead);
   }
 }
 

@@ -16,7 +16,20 @@ namespace th::publish {
 // the options force it.
 void checkAboveFreshInstall(const ReleaseOptions& options, std::vector<std::string>& problems);
 
-// A channel that no launcher asks for, and notes too short for the launcher to show.
+// Launchers never install a version below the one installed, and two releases of one version
+// cannot be told apart: a release must be above the served one. Refused, naming revert as the way
+// back to earlier files.
+void checkAboveServed(const ReleaseOptions& options, const ReleaseStore& store,
+                      std::vector<std::string>& problems);
+
+// A minimum online version above the release's own: its players stay below the minimum after
+// installing it, and PLAY stays locked for every one of them. What is wrong, or empty.
+std::string lockedOutByMinimum(const std::string& version, const std::string& minimum);
+
+// The release's values that would lock players out: refused.
+void checkNoLockOut(const ReleaseOptions& options, std::vector<std::string>& problems);
+
+// A channel or platform that no launcher asks for, and notes too short for the launcher to show.
 void warnUnseen(const ReleaseOptions& options, const std::string& notes,
                 std::vector<std::string>& warnings);
 

@@ -2,8 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <system_error>
 
 #include "tools/publish/keys/keys.h"
@@ -58,6 +62,16 @@ bool serverRootInsideRelease(const ReleaseOptions& options) {
   return isWithin(root, release);
 }
 
+// Reads `file` whole into `text`; empty on success, else why it cannot be read.
+std::string unreadableFile(const fs::path& file, std::string& text) {
+  std::error_code error;
+  if (fs::is_directory(file, error)) return "a folder, not a file";
+  std::ifstream in(file, std::ios::binary);
+  if (!in) return std::strerror(errno);
+  text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return in.bad() ? std::strerror(errno) : "";
+}
+
 void checkValues(const ReleaseOptions& options, std::string& notes, Problems& problems) {
   if (!dottedNumber(options.version)) {
     const std::string option = options.revertTo.empty() ? "--version" : "--as";
@@ -71,9 +85,6 @@ void checkValues(const ReleaseOptions& options, std::string& notes, Problems& pr
     problems.push_back("--protocol-version '" + options.protocolVersion +
                        "' is not a whole number from 0 to 2147483647");
   }
-  if (!smallNumber(options.keep) || options.keep.find_first_not_of('0') == std::string::npos) {
-    problems.push_back("--keep '" + options.keep + "' is not a whole number from 1 to 2147483647");
-  }
   for (const auto& [option, name] :
        {std::pair{"--channel", options.channel}, std::pair{"--platform", options.platform}}) {
     if (!plainName(name)) {
@@ -82,10 +93,8 @@ void checkValues(const ReleaseOptions& options, std::string& notes, Problems& pr
     }
   }
   if (!options.notes.empty()) {
-    std::error_code error;
-    notes = update::readTextFile(options.notes);
-    if (!fs::is_regular_file(options.notes, error)) {
-      problems.push_back(options.notes.string() + ": release notes file cannot be read");
+    if (const std::string why = unreadableFile(options.notes, notes); !why.empty()) {
+      problems.push_back(options.notes.string() + ": release notes file cannot be read: " + why);
     } else if (needsUnicodeEscape(notes)) {
       problems.push_back(options.notes.string() +
                          ": release notes hold a control character other than tab or line end,"
@@ -289,8 +298,9 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   SigningKey signing;
   std::vector<ReleaseFile> files;
   checkValues(options, notes, problems);
-  if (reverting && options.notes.empty()) notes = kept.releaseNotes;
+  if (reverting) notes = revertNotes(options, options.notes.empty() ? kept.releaseNotes : notes);
   checkAboveFreshInstall(options, problems);
+  checkNoLockOut(options, problems);
   warnUnseen(options, notes, summary.warnings);
   checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
   const ReleaseTree tree(options.from);
@@ -298,7 +308,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
     return false;
   }
-  if (reverting) checkAboveServed(options, store, problems);
+  checkAboveServed(options, store, problems);
   if (!problems.empty() || !store.create(options.version, problems)) return false;
   update::Manifest manifest = manifestHeader(options, notes);
   fillRelease(tree, files, store, manifest, summary.linked, problems);

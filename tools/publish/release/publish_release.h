@@ -15,7 +15,7 @@ struct PublishSummary {
   std::size_t files = 0;
   std::uint64_t bytes = 0;
   std::size_t linked = 0;             // unchanged files hard-linked from the release served before
-  std::size_t pruned = 0;             // older releases removed beyond --keep
+  std::vector<std::string> pruned;    // versions of older releases removed beyond --keep
   std::vector<std::string> warnings;  // said whether or not the release is published
 };
 

@@ -30,6 +30,12 @@ std::size_t sequenceOf(const std::string& name) {
   return result == std::errc() && end != last && *end == '-' ? sequence : 0;
 }
 
+// The version a release folder's name carries after its sequence number.
+std::string versionOf(const fs::path& folder) {
+  const std::string name = folder.filename().string();
+  return name.substr(std::min(name.find('-') + 1, name.size()));
+}
+
 // The release folders below `folder`, newest (highest sequence) first.
 Releases releasesIn(const fs::path& folder) {
   Releases releases;
@@ -253,10 +259,11 @@ bool ReleaseStore::swapLinkIn(Problems& problems) {
   return true;
 }
 
-std::size_t ReleaseStore::prune(std::size_t keep) {
+std::vector<std::string> ReleaseStore::prune(std::size_t keep) {
   std::error_code error;
   const std::size_t current = sequenceOf(fs::read_symlink(served_, error).filename().string());
-  std::size_t kept = 0, removed = 0;
+  std::size_t kept = 0;
+  std::vector<std::string> removed;
   for (const auto& [sequence, folder] : releasesIn(releases_)) {
     // Under the lock no other run is filling a folder: one without its signature is what a
     // killed run left, never served. A finished one newer than the current one stays, to be made
@@ -268,9 +275,18 @@ std::size_t ReleaseStore::prune(std::size_t keep) {
     }
     if (finished && (sequence > current || ++kept <= keep)) continue;
     fs::remove_all(folder, error);
-    if (!error) ++removed;
+    if (!error) removed.push_back(versionOf(folder) + (finished ? "" : " (unfinished)"));
   }
   return removed;
+}
+
+std::vector<std::string> ReleaseStore::keptVersions() const {
+  std::vector<std::string> versions;
+  std::error_code error;
+  for (const auto& [sequence, folder] : releasesIn(releases_)) {
+    if (fs::exists(folder / "manifest.sig", error)) versions.push_back(versionOf(folder));
+  }
+  return versions;
 }
 
 std::size_t ReleaseStore::nextSequence() const {

@@ -63,8 +63,10 @@ class ReleaseStore {
   // Flushes the new release to disk, then swaps the link in, in one rename.
   bool makeCurrent(std::vector<std::string>& problems);
   // Removes finished releases older than the newest `keep` ones up to the current one, and
-  // folders that killed runs left unfinished; the number removed.
-  std::size_t prune(std::size_t keep);
+  // folders that killed runs left unfinished; the versions removed, newest first.
+  std::vector<std::string> prune(std::size_t keep);
+  // The versions of the finished releases kept, newest first.
+  std::vector<std::string> keptVersions() const;
 
  private:
   bool createReleasesFolder(std::vector<std::string>& problems);

@@ -4,7 +4,6 @@
 
 #include "update/signature.h"
 #include "update/text_file.h"
-#include "update/version.h"
 
 namespace th::publish {
 
@@ -12,9 +11,14 @@ bool findKeptRelease(const ReleaseStore& store, ReleaseOptions& options, update:
                      std::vector<std::string>& problems) {
   std::filesystem::path folder;
   if (!store.findKept(options.revertTo, folder, kept)) {
+    std::string versions;
+    for (const std::string& version : store.keptVersions()) {
+      versions += (versions.empty() ? "" : ", ") + version;
+    }
     problems.push_back("--to '" + options.revertTo +
                        "': no finished release of that version is kept for " + options.channel +
-                       "/" + options.platform);
+                       "/" + options.platform +
+                       " (kept: " + (versions.empty() ? "none" : versions) + ")");
     return false;
   }
   options.from = folder / "files";
@@ -23,11 +27,9 @@ bool findKeptRelease(const ReleaseStore& store, ReleaseOptions& options, update:
   return true;
 }
 
-void checkAboveServed(const ReleaseOptions& options, const ReleaseStore& store,
-                      std::vector<std::string>& problems) {
-  if (update::compareVersion(options.version, store.servedVersion()) > 0) return;
-  problems.push_back("--as '" + options.version + "' is not above the served release " +
-                     store.servedVersion() + ": launchers on it would never install it");
+std::string revertNotes(const ReleaseOptions& options, const std::string& notes) {
+  return "Tarn Hollow v" + options.version + "\n\nThe files of " + options.revertTo +
+         ", again.\n\n" + notes + "\n";
 }
 
 void matchKeptRelease(const ReleaseOptions& options, const update::Manifest& kept,
@@ -64,8 +66,7 @@ void addRevertNotes(const ReleaseOptions& options, const std::string& notes,
       return;
     }
   }
-  const std::string text = "Tarn Hollow v" + options.version + "\n\nThe files of " +
-                           options.revertTo + ", again.\n\n" + notes + "\n";
+  const std::string& text = notes;
   const std::filesystem::path place = store.folder() / "files" / path;
   if (!update::writeTextFile(place, text)) {
     problems.push_back(place.string() + ": cannot be written");

@@ -16,9 +16,9 @@ namespace th::publish {
 bool findKeptRelease(const ReleaseStore& store, ReleaseOptions& options, update::Manifest& kept,
                      std::vector<std::string>& problems);
 
-// The new version must be above the served one, or the players on it would stay there.
-void checkAboveServed(const ReleaseOptions& options, const ReleaseStore& store,
-                      std::vector<std::string>& problems);
+// The revert's release notes: what it brings back, then `notes` (the given ones, or else the kept
+// release's). Players moved by the revert read these on the screen, under the new version.
+std::string revertNotes(const ReleaseOptions& options, const std::string& notes);
 
 // The kept files on disk carry no executable flags, and may have been damaged since: each entry
 // takes its flag from the kept manifest, and must match it in digest and size, file for file.
@@ -28,8 +28,8 @@ void matchKeptRelease(const ReleaseOptions& options, const update::Manifest& kep
 // A player still on the kept release holds all of its files: a revert of those alone would
 // install nothing there and leave the marker naming the kept version, and that launcher would
 // say VERSION MARKER UPDATE FAILED at every start. So the revert adds a file no earlier release
-// holds: the versioned patch notes, "PATCH_NOTES_v<new version>.txt", which the launcher reads
-// when the install has no "data/patch_notes.txt".
+// holds: the versioned patch notes, "PATCH_NOTES_v<new version>.txt" holding `notes` (from
+// revertNotes), which the launcher reads offline when the install has no "data/patch_notes.txt".
 void addRevertNotes(const ReleaseOptions& options, const std::string& notes,
                     const ReleaseStore& store, update::Manifest& manifest,
                     std::vector<std::string>& problems);

@@ -17,15 +17,11 @@ size_t collectHeader(char* data, size_t size, size_t count, void* target) {
   return size * count;
 }
 
-}  // namespace
-
-bool fetchResponseHeaders(const std::string& url, ResponseHeaders& headers, std::string& error) {
+// A HEAD request; `status` is the final response's code, also when that is an error.
+CURLcode headRequest(const std::string& url, ResponseHeaders& headers, long& status) {
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
                                                                    curl_easy_cleanup);
-  if (!handle) {
-    error = "curl_init_failed";
-    return false;
-  }
+  if (!handle) return CURLE_FAILED_INIT;
   headers.clear();
   curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
   curl_easy_setopt(handle.get(), CURLOPT_NOBODY, 1L);
@@ -37,8 +33,30 @@ bool fetchResponseHeaders(const std::string& url, ResponseHeaders& headers, std:
   curl_easy_setopt(handle.get(), CURLOPT_HEADERFUNCTION, collectHeader);
   curl_easy_setopt(handle.get(), CURLOPT_HEADERDATA, &headers);
   const CURLcode result = curl_easy_perform(handle.get());
-  if (result != CURLE_OK) error = curl_easy_strerror(result);
+  status = 0;
+  curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
+  return result;
+}
+
+}  // namespace
+
+bool fetchResponseHeaders(const std::string& url, ResponseHeaders& headers, std::string& error) {
+  long status = 0;
+  const CURLcode result = headRequest(url, headers, status);
+  if (result == CURLE_FAILED_INIT) {
+    error = "curl_init_failed";
+  } else if (result != CURLE_OK) {
+    error = curl_easy_strerror(result);
+  }
   return result == CURLE_OK;
+}
+
+std::string withHttpStatus(const std::string& url, const std::string& error) {
+  if (error != curl_easy_strerror(CURLE_HTTP_RETURNED_ERROR)) return error;
+  ResponseHeaders headers;
+  long status = 0;
+  headRequest(url, headers, status);
+  return status == 0 ? error : error + " (HTTP " + std::to_string(status) + ")";
 }
 
 }  // namespace th::publish

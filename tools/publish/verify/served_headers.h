@@ -14,4 +14,8 @@ using ResponseHeaders = std::vector<std::string>;
 // when the request fails, statuses of 400 and above included.
 bool fetchResponseHeaders(const std::string& url, ResponseHeaders& headers, std::string& error);
 
+// libcurl names no status code for a failed request: for that failure, `error` with the code that
+// `url` answers now, "(HTTP 404)"; any other `error` as it is.
+std::string withHttpStatus(const std::string& url, const std::string& error);
+
 }  // namespace th::publish

@@ -6,10 +6,14 @@
 #include <filesystem>
 #include <system_error>
 
+#include "tools/publish/build_variant.h"
 #include "tools/publish/progress.h"
+#include "tools/publish/release/player_reach.h"
 #include "tools/publish/verify/cache_headers.h"
+#include "tools/publish/verify/served_headers.h"
 #include "update/http.h"
 #include "update/manifest.h"
+#include "update/pinned_key.h"
 #include "update/signature.h"
 #include "update/text_file.h"
 
@@ -79,9 +83,11 @@ bool fetchManifest(const VerifyOptions& options, const std::string& folderUrl, c
   std::string text, signature, error;
   const std::string textUrl = update::joinUrl(folderUrl, "manifest.json");
   const std::string signatureUrl = update::joinUrl(folderUrl, "manifest.sig");
-  if (!update::httpGet(textUrl, text, error) || !update::httpGet(signatureUrl, signature, error)) {
-    problems.push_back("the manifest cannot be fetched: " + error);
-    return false;
+  for (const auto& [url, body] : {std::pair{textUrl, &text}, std::pair{signatureUrl, &signature}}) {
+    if (!update::httpGet(url, *body, error)) {
+      problems.push_back("the manifest cannot be fetched: " + withHttpStatus(url, error));
+      return false;
+    }
   }
   noteCaching("manifest.json", textUrl, summary.warnings);
   noteCaching("manifest.sig", signatureUrl, summary.warnings);
@@ -104,7 +110,9 @@ std::string checkFile(const std::string& filesUrl, const update::ManifestFile& f
   const fs::path download = scratch / "download";
   std::string error;
   const std::string url = update::joinUrl(filesUrl, file.path);
-  if (!update::httpDownload(url, download, {}, error)) return "cannot be downloaded: " + error;
+  if (!update::httpDownload(url, download, {}, error)) {
+    return "cannot be downloaded: " + withHttpStatus(url, error);
+  }
   noteCaching(file.path, url, warnings);
   const std::string digest = update::sha256File(download);
   std::error_code sizeError;
@@ -118,6 +126,26 @@ std::string checkFile(const std::string& filesUrl, const update::ManifestFile& f
 }
 
 }  // namespace
+
+bool checkPublicKeyOption(const VerifyOptions& options, Problems& problems) {
+  const fs::path& file = options.publicKey;
+  if (file.empty()) return true;
+  std::error_code error;
+  const fs::file_status status = fs::status(file, error);
+  if (error || !fs::is_regular_file(status)) {
+    problems.push_back(file.string() + ": the public key cannot be read: " +
+                       (error ? error.message() : "not a regular file"));
+    return false;
+  }
+  const std::string fingerprint = update::sha256File(file);
+  if (fingerprint != update::pinnedKeyFingerprint()) {
+    problems.push_back(file.string() + ": its fingerprint is " + fingerprint +
+                       ", but this build pins " + std::string(update::pinnedKeyFingerprint()) +
+                       ": launchers built with it trust no release this key would pass");
+    return false;
+  }
+  return true;
+}
 
 bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problems& problems) {
   summary.folderUrl =
@@ -134,6 +162,11 @@ bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problem
     return false;
   }
   summary.version = manifest.version;
+  if (const std::string lockOut =
+          lockedOutByMinimum(manifest.version, manifest.minimumOnlineVersion);
+      !lockOut.empty()) {
+    summary.warnings.push_back("manifest.json: " + lockOut);
+  }
   for (const update::ManifestFile& file : manifest.files) summary.bytes += file.size;
   HashProgress progress(stderr, manifest.files.size(), summary.bytes, "checking");
   const std::string filesUrl = update::joinUrl(summary.folderUrl, "files");

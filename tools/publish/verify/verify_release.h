@@ -17,20 +17,20 @@ struct VerifySummary {
   std::string version;
   std::size_t files = 0;
   std::uint64_t bytes = 0;
-  // Responses a shared cache may serve stale, one line each naming the header (with --strict
-  // they are problems instead).
+  // Responses a shared cache may serve stale, one line each naming the header, and what would
+  // keep players from the release (with --strict they are problems instead).
   std::vector<std::string> warnings;
 };
 
+// With --public-key, the key file must be readable and be the key this build pins, or every
+// verdict would be about a key no launcher trusts; true when none is given. No request is made.
+bool checkPublicKeyOption(const VerifyOptions& options, std::vector<std::string>& problems);
+
 // True when the manifest verifies against the pinned key, names the asked channel and platform,
 // and every file it lists downloads with its digest and size (and, with --strict, no response
-// may be served stale by a shared cache). Otherwise `problems` holds a line
-// for the manifest, or one per bad file.
+// may be served stale by a shared cache, nor may the release keep players from it). Otherwise
+// `problems` holds a line for the manifest, or one per bad file.
 bool verifyRelease(const VerifyOptions& options, VerifySummary& summary,
                    std::vector<std::string>& problems);
-
-// The public key (PEM) built into this variant of the tool; empty when the build was given none.
-// Each variant defines it, like the engine's pinned fingerprint.
-std::string_view builtInPublicKey();
 
 }  // namespace th::publish

@@ -1,0 +1,116 @@
+#include "tools/publish/usage.h"
+
+#include <map>
+
+namespace th::publish {
+namespace {
+
+struct Command {
+  std::string synopsis, options;
+};
+
+const std::string kPassphrase =
+    "  --passphrase-file FILE   read the key's passphrase from the first line of FILE\n"
+    "  --passphrase-env NAME    read it from the environment variable NAME\n"
+    "                           (neither: asked for on the terminal; never an argument)\n";
+
+const std::string kPublishing =
+    "  --key PRIVATE.pem        the signing key; its public half must be the key this build pins\n"
+    "  --server-root ROOT       the folder the update server serves; the release goes live in\n"
+    "                           ROOT/CHANNEL/PLATFORM in one step\n"
+    "  --notes FILE             release notes, shown by launchers from 80 bytes up\n"
+    "  --mandatory              lock PLAY for every player, those already on this version too,\n"
+    "                           until a release without --mandatory replaces it\n"
+    "  --keep N                 releases kept on the server, the served one included (default 3);\n"
+    "                           only kept releases can be brought back with revert\n"
+    "  --no-wait                give up instead of waiting while another release of the same\n"
+    "                           channel and platform is being published\n"
+    "  --channel NAME           default stable, the only channel launchers ask for\n"
+    "  --platform NAME          default linux, the only platform launchers ask for\n" +
+    kPassphrase;
+
+const std::map<std::string, Command>& commands() {
+  static const std::map<std::string, Command> kCommands = {
+      {"keygen",
+       {"tarn-hollow-publish keygen --out DIR\n"
+        "    [--passphrase-file FILE | --passphrase-env NAME | --unencrypted]\n",
+        "Makes a signing key pair in DIR and prints the fingerprint to build launchers with.\n"
+        "  --out DIR                where update-private-key.pem and update-public-key.pem go\n" +
+            kPassphrase +
+            "  --unencrypted            write the private key in the clear (throw-away keys "
+            "only)\n"}},
+      {"release",
+       {"tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
+        "    --server-root ROOT [--notes FILE] [--mandatory] [--minimum-online-version V]\n"
+        "    [--keep 3] [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
+        "    [--channel stable] [--platform linux] [--protocol-version N]\n"
+        "    [--force-below-fresh-install]\n",
+        "Publishes RELEASE_DIR, laid out as an install holds it, as release V, signed.\n"
+        "  --from RELEASE_DIR       the release's files\n"
+        "  --version V              dotted numbers like 1.4.2, above the served release's\n" +
+            kPublishing +
+            "  --minimum-online-version V  players below V may not PLAY until they have updated;\n"
+            "                           at most the release's own version\n"
+            "  --protocol-version N     a whole number written into the manifest (default 0);\n"
+            "                           launchers do not act on it\n"
+            "  --force-below-fresh-install  allow a version below 0.16.117, what an install\n"
+            "                           without a version marker counts as: no new player would\n"
+            "                           ever install it\n"}},
+      {"revert",
+       {"tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
+        "    --server-root ROOT [--notes FILE] [--mandatory] [--keep 3] [--no-wait]\n"
+        "    [--passphrase-file FILE | --passphrase-env NAME] [--channel stable]\n"
+        "    [--platform linux]\n",
+        "Publishes the files of a kept release again as NEW_V, above the served one: players "
+        "never\n"
+        "install a lower version, so this is how a bad release is rolled back.\n"
+        "  --to KEPT_V              the kept release whose files come back\n"
+        "  --as NEW_V               the new version, above the served release's\n" +
+            kPublishing}},
+      {"verify",
+       {"tarn-hollow-publish verify --url URL [--strict] [--public-key FILE]\n"
+        "    [--channel stable] [--platform linux]\n",
+        "Checks a served release as players' launchers see it: signature, manifest, every file.\n"
+        "  --url URL                the update server's address, as in data/update_server.txt\n"
+        "  --strict                 also fail on what keeps players from the release: caching a\n"
+        "                           shared cache may serve stale, a release that locks PLAY\n"
+        "  --public-key FILE        the key to check with, when this build has none built in; it\n"
+        "                           must be the key this build pins\n"
+        "  --channel NAME           default stable\n"
+        "  --platform NAME          default linux\n"}},
+  };
+  return kCommands;
+}
+
+const std::string kExitStatus =
+    "Options take their value as the next word or after '=' (--keep=5).\n"
+    "Exit status: 0 done; 1 refused or failed (nothing published, or the release is not good);\n"
+    "2 misuse of the command line.\n";
+
+}  // namespace
+
+std::string usageText(const std::string& command) {
+  if (const auto found = commands().find(command); found != commands().end()) {
+    return "usage: " + found->second.synopsis + "(tarn-hollow-publish " + command +
+           " --help explains every option)\n";
+  }
+  std::string text = "usage:\n";
+  for (const auto& [name, each] : commands()) text += "  " + each.synopsis;
+  return text + "  tarn-hollow-publish --help | --version\n";
+}
+
+std::string helpText(const std::string& command) {
+  if (const auto found = commands().find(command); found != commands().end()) {
+    return "usage: " + found->second.synopsis + "\n" + found->second.options + "\n" + kExitStatus;
+  }
+  std::string text = "tarn-hollow-publish: the studio's release tool for Tarn Hollow.\n\n";
+  for (const auto& [name, each] : commands()) {
+    text += "usage: " + each.synopsis + "\n" + each.options + "\n";
+  }
+  return text +
+         "tarn-hollow-publish --version prints the tool's version and the fingerprint of\n"
+         "the update key it pins.\n\n" +
+         kExitStatus;
+}
+
+}  // namespace th::publish
