@@ -184,13 +184,19 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
   expectVerify(nginx.url(), {});
   std::string bad = readBytes(served / "manifest.json");
   bad.replace(bad.find("\"size\": 0,"), 10, "\"size\": 2,");  // data/empty.flag's
+  bad.replace(bad.find("online_version\": \"\""), 18, "online_version\": \"9.0.0\"");
   publishRawManifest(s.server, bad, signHex(bad));
   writeBytes(served / "files" / "data" / "levels" / "one.dat", std::string(70000, 'M'));
   fs::remove(served / "files" / "tarn-hollow");
-  expectVerify(nginx.url(),
-               {"data/empty.flag: 0 bytes, the manifest says 2",
-                "data/levels/one.dat: SHA-256 " + sha256Hex(std::string(70000, 'M')),
-                "tarn-hollow: cannot be downloaded: HTTP response code said error (HTTP 404)"});
+  EXPECT_PRED_FORMAT2(
+      IsSubstring,
+      "warning: manifest.json: the minimum online version 9.0.0 is above the release's own "
+      "version 1.2.0: players stay below it",
+      expectVerify(
+          nginx.url(),
+          {"data/empty.flag: 0 bytes, the manifest says 2",
+           "data/levels/one.dat: SHA-256 " + sha256Hex(std::string(70000, 'M')),
+           "tarn-hollow: cannot be downloaded: HTTP response code said error (HTTP 404)"}));
   publishRawManifest(s.server, bad, signHex(bad, TH_DEV_RSA_PRIVATE_KEY));
   expectVerify(nginx.url(), {"the manifest is refused: manifest_signature_verify_failed"});
   // The damaged data/levels/one.dat, listed unchanged by the served manifest, is copied afresh.
@@ -289,8 +295,10 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   s.expectRefused(s.args("1.1.0", {"--passphrase-env", "TH_TEST_PASSPHRASE"}, key),
                   {"its public key has fingerprint " + fingerprint, noRelease});
   s.expectRefused(
-      s.args("1.1.0", {"--passphrase-file", s.scratch / "none"}, key),
-      {"encrypted, and " + (s.scratch / "none").string() + ": cannot be read: No such file",
+      s.args("1.1.0", {"--passphrase-file", s.scratch / "none", "--notes", s.scratch / "none"},
+             key),
+      {"none: release notes file cannot be read: No such file or directory",
+       "encrypted, and " + (s.scratch / "none").string() + ": cannot be read: No such file",
        noRelease});
   writeBytes(s.scratch / "wrong", "correct horse battery\n");
   s.expectRefused(s.args("1.1.0", {"--passphrase-file", s.scratch / "wrong"}, key),
