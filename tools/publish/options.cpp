@@ -94,9 +94,12 @@ std::string usageText(const std::string& command) {
        "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
        "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"
        "           [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
-       "           [--force-below-fresh-install]\n"
+       "           [--force-below-fresh-install] [--package GAME.tar.gz]\n"
        "           --mandatory locks PLAY for every player, those already on V too, until a\n"
-       "           release without it replaces it.\n"},
+       "           release without it replaces it.\n"
+       "           --package warns when the launcher in the game package (what new players\n"
+       "           install) is not the release's: each new player's first start would update\n"
+       "           it and restart.\n"},
       {"revert",
        "       tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
        "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
@@ -140,17 +143,19 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
 bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
                          std::string& error) {
   Values values;
-  if (!parsePublishing(args,
-                       {{"--from", "--version", "--minimum-online-version", "--protocol-version"},
-                        {"--force-below-fresh-install"},
-                        {"--from", "--version"}},
-                       values, options, error)) {
+  if (!parsePublishing(
+          args,
+          {{"--from", "--version", "--minimum-online-version", "--protocol-version", "--package"},
+           {"--force-below-fresh-install"},
+           {"--from", "--version"}},
+          values, options, error)) {
     return false;
   }
   take(values, "--from", options.from);
   take(values, "--version", options.version);
   take(values, "--minimum-online-version", options.minimumOnlineVersion);
   take(values, "--protocol-version", options.protocolVersion);
+  take(values, "--package", options.package);
   options.belowFreshInstall = values.count("--force-below-fresh-install") > 0;
   return true;
 }
