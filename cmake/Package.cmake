@@ -35,7 +35,9 @@ set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_NAME tarn-hollow)
 set(CPACK_PACKAGE_FILE_NAME tarn-hollow-linux-x86_64)
 set(CPACK_PACKAGE_CHECKSUM SHA256)
-set(CPACK_STRIP_FILES ON)
+# The build already made the shipped launcher and helper (ShippedExecutable.cmake); stripping
+# them here would give new players a launcher other than the one releases publish.
+set(CPACK_STRIP_FILES OFF)
 set(CPACK_TH_BUILD_DIR "${CMAKE_BINARY_DIR}")
 set(CPACK_TH_PROJECT "${PROJECT_NAME}")
 set(CPACK_TH_VARIANT game)

@@ -146,6 +146,9 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
   ASSERT_EQ(runProcess(unpack).exitCode, 0);
   EXPECT_TRUE(fs::is_regular_file(game / "tarn-hollow-update-helper") &&
               fs::is_regular_file(game / "tarn-hollow.desktop"));
+  // The package holds the launcher the build made, so that a release can carry the same bytes.
+  const std::string built = readBytes(TH_BINARY_DIR "/devkey/tarn-hollow-launcher");
+  EXPECT_EQ(sha256Hex(readBytes(game / "tarn-hollow-launcher")), sha256Hex(built));
   // The fields as launchers read them.
   update::Manifest got;
   std::string error;
@@ -168,7 +171,12 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
 
   writeBytes(s.release / "tarn-hollow", "#!/bin/sh\necho game 1.2.0\n");
   fs::permissions(s.release / "tarn-hollow", fs::perms(0644));
-  ASSERT_EQ(runProcess(s.args("1.2.0")).exitCode, 0);
+  // With the build's launcher the package's install updates no launcher, and nothing is said.
+  writeBytes(s.release / "tarn-hollow-launcher", built);
+  const Args package{"--package", game.string() + ".tar.gz"};
+  const ProcessResult same = runProcess(s.args("1.2.0", package));
+  ASSERT_EQ(same.exitCode, 0) << same.err;
+  EXPECT_EQ(same.err.find("tarn-hollow-launcher"), std::string::npos) << same.err;
   EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, game, nginx.url()}).out, "1.2.0\n");
   EXPECT_EQ(fileMode(game / "tarn-hollow"), 0644u);
 
@@ -199,8 +207,18 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
            "tarn-hollow: cannot be downloaded: HTTP response code said error (HTTP 404)"}));
   publishRawManifest(s.server, bad, signHex(bad, TH_DEV_RSA_PRIVATE_KEY));
   expectVerify(nginx.url(), {"the manifest is refused: manifest_signature_verify_failed"});
-  // The damaged data/levels/one.dat, listed unchanged by the served manifest, is copied afresh.
-  ASSERT_EQ(runProcess(s.args("1.4.0")).exitCode, 0);
+  // The damaged data/levels/one.dat, listed unchanged by the served manifest, is copied afresh. A
+  // launcher other than the package's is named.
+  writeBytes(s.release / "tarn-hollow-launcher", built + "\n");
+  const ProcessResult other = runProcess(s.args("1.4.0", package));
+  ASSERT_EQ(other.exitCode, 0) << other.err;
+  EXPECT_PRED_FORMAT2(IsSubstring,
+                      "warning: tarn-hollow-launcher: the release's has SHA-256 " +
+                          sha256Hex(built + "\n") + ", the one in the package " + package[1] + " " +
+                          sha256Hex(built) +
+                          ": every new player's launcher would update itself and restart on its "
+                          "first start (publish the launcher of the build that made the package)\n",
+                      other.err);
   expectVerify(nginx.url(), {});
 }
 
@@ -233,12 +251,14 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
       "data/update_public_key.pem: the launcher refuses", "data/update_server.txt: each player's",
       "esc\\x1b[2J\\x9bape: characters the launcher",     "pipe: not a regular file",
       "save: would displace the folder of the player's",  "tarn-hollow-update-helper/readme: lies"};
+  problems.push_back("notes: tar finds no tarn-hollow-launcher in the top folder");
   problems.insert(problems.end(), entries.begin(), entries.end());
-  s.expectRefused(s.args("1..2",
-                         {"--notes", s.notes, "--minimum-online-version", "1.2147483648",
-                          "--protocol-version", "-1", "--channel", "a/b", "--platform", ".."},
-                         TH_DEV_PUBLIC_KEY),
-                  problems);
+  s.expectRefused(
+      s.args("1..2",
+             {"--notes", s.notes, "--minimum-online-version", "1.2147483648", "--protocol-version",
+              "-1", "--channel", "a/b", "--platform", "..", "--package", s.notes},
+             TH_DEV_PUBLIC_KEY),
+      problems);
 
   // A file the tool may not read (root without its override) is named; nothing is published.
   Studio unreadable;
@@ -423,6 +443,9 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
   s.next("1.1.0");
   fs::permissions(s.release / "data" / "world.pak", fs::perms(0755));
   writeBytes(s.scratch / "short", kNotes.substr(0, 79));
+  writeBytes(s.scratch / "game" / "top" / "tarn-hollow-launcher", "launcher");
+  const fs::path package = s.scratch / "game.tar.gz";
+  runProcess({"/usr/bin/tar", "-czf", package, "-C", s.scratch / "game", "top"});
   const struct {
     std::string version;
     Args extra;
@@ -462,9 +485,10 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
        {"channel", "locked"}},
       {"1.1.0", {}, 1, {"--version '1.1.0' is not above the served release 1.1.0"}, {}},
       {"1.1.1",
-       {"--notes", s.notes},
+       {"--notes", s.notes, "--package", package},
        0,
-       {"no file differs from the served release 1.1.0: launchers on it install nothing"},
+       {"no file differs from the served release 1.1.0: launchers on it install nothing",
+        "--package: the release holds no tarn-hollow-launcher at its top, so every launcher stays"},
        {"flag", "release notes"}},
   };
   for (const auto& row : table) {

@@ -26,10 +26,10 @@ const Grammar& grammarOf(const std::string& command) {
   static const std::map<std::string, Grammar> kGrammars = {
       {"keygen",
        {{"--out", "--passphrase-file", "--passphrase-env"}, {"--unencrypted"}, {"--out"}}},
-      {"release",
-       publishingGrammar({{"--from", "--version", "--minimum-online-version", "--protocol-version"},
-                          {"--force-below-fresh-install"},
-                          {"--from", "--version"}})},
+      {"release", publishingGrammar({{"--from", "--version", "--minimum-online-version",
+                                      "--protocol-version", "--package"},
+                                     {"--force-below-fresh-install"},
+                                     {"--from", "--version"}})},
       {"revert", publishingGrammar({{"--to", "--as"}, {}, {"--to", "--as"}})},
       {"verify", {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}}},
   };
@@ -170,6 +170,7 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
   take(values, "--version", options.version);
   take(values, "--minimum-online-version", options.minimumOnlineVersion);
   take(values, "--protocol-version", options.protocolVersion);
+  take(values, "--package", options.package);
   options.belowFreshInstall = values.count("--force-below-fresh-install") > 0;
   return true;
 }

@@ -22,7 +22,8 @@ struct ReleaseOptions {
   std::filesystem::path serverRoot;
   std::string channel = "stable";
   std::string platform = "linux";
-  std::filesystem::path notes;  // empty: no release notes
+  std::filesystem::path notes;    // empty: no release notes
+  std::filesystem::path package;  // the game package new players install; empty: not compared
   bool mandatory = false;
   bool belowFreshInstall = false;  // a version below what an install without a marker counts as
   std::string revertTo;            // revert: the kept release whose files are published again

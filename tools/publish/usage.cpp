@@ -44,7 +44,7 @@ const std::map<std::string, Command>& commands() {
         "    --server-root ROOT [--notes FILE] [--mandatory] [--minimum-online-version V]\n"
         "    [--keep 3] [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
         "    [--channel stable] [--platform linux] [--protocol-version N]\n"
-        "    [--force-below-fresh-install]\n",
+        "    [--force-below-fresh-install] [--package GAME.tar.gz]\n",
         "Publishes RELEASE_DIR, laid out as an install holds it, as release V, signed.\n"
         "  --from RELEASE_DIR       the release's files\n"
         "  --version V              dotted numbers like 1.4.2, above the served release's\n" +
@@ -55,7 +55,10 @@ const std::map<std::string, Command>& commands() {
             "                           launchers do not act on it\n"
             "  --force-below-fresh-install  allow a version below 0.16.117, what an install\n"
             "                           without a version marker counts as: no new player would\n"
-            "                           ever install it\n"}},
+            "                           ever install it\n"
+            "  --package GAME.tar.gz    the game package new players install: warn when its\n"
+            "                           launcher is not the release's (each new player's first\n"
+            "                           start would update it and restart)\n"}},
       {"revert",
        {"tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
         "    --server-root ROOT [--notes FILE] [--mandatory] [--keep 3] [--no-wait]\n"

@@ -119,4 +119,22 @@ void warnNothingToInstall(const update::Manifest& manifest, const ReleaseStore& 
                      "file (change or add one)");
 }
 
+void warnPackagedLauncher(const update::Manifest& manifest, const std::filesystem::path& package,
+                          const std::string& packagedDigest, std::vector<std::string>& warnings) {
+  if (package.empty()) return;
+  const std::string launcher = update::launcherBinaryName();
+  for (const update::ManifestFile& file : manifest.files) {
+    if (file.path != launcher) continue;
+    if (file.sha256 == packagedDigest) return;
+    warnings.push_back(launcher + ": the release's has SHA-256 " + file.sha256 +
+                       ", the one in the package " + package.string() + " " + packagedDigest +
+                       ": every new player's launcher would update itself and restart on its "
+                       "first start (publish the launcher of the build that made the package)");
+    return;
+  }
+  warnings.push_back("--package: the release holds no " + launcher +
+                     " at its top, so every launcher stays as it is, the package's for new "
+                     "players");
+}
+
 }  // namespace th::publish

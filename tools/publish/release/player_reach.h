@@ -2,6 +2,7 @@
 // Releases that publish cleanly yet never reach the players they are meant for, because of how
 // every launcher reads what is served: refused, or said as warnings.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -43,5 +44,10 @@ void warnFlagOnlyChanges(const update::Manifest& manifest, const ReleaseStore& s
 // at least one file against the one it replaces.
 void warnNothingToInstall(const update::Manifest& manifest, const ReleaseStore& store,
                           std::vector<std::string>& warnings);
+
+// New players start with the game package's launcher: a release whose launcher differs has each
+// of them update it and restart on their first start. Said only when a package is named.
+void warnPackagedLauncher(const update::Manifest& manifest, const std::filesystem::path& package,
+                          const std::string& packagedDigest, std::vector<std::string>& warnings);
 
 }  // namespace th::publish

@@ -13,6 +13,7 @@
 #include "tools/publish/keys/keys.h"
 #include "tools/publish/progress.h"
 #include "tools/publish/release/manifest_json.h"
+#include "tools/publish/release/package_launcher.h"
 #include "tools/publish/release/player_reach.h"
 #include "tools/publish/release/release_copy.h"
 #include "tools/publish/release/release_scan.h"
@@ -104,6 +105,15 @@ void checkValues(const ReleaseOptions& options, std::string& notes, Problems& pr
   if (serverRootInsideRelease(options)) {
     problems.push_back(options.serverRoot.string() + ": the server root lies inside the release");
   }
+}
+
+// Read before the lock is waited for, so that a package that cannot be read is refused at once.
+std::string readPackagedLauncher(const ReleaseOptions& options, Problems& problems) {
+  std::string digest, error;
+  if (!options.package.empty() && !packagedLauncherDigest(options.package, digest, error)) {
+    problems.push_back(error);
+  }
+  return digest;
 }
 
 struct SigningKey {
@@ -303,6 +313,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   checkNoLockOut(options, problems);
   warnUnseen(options, notes, summary.warnings);
   checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
+  const std::string packagedLauncher = readPackagedLauncher(options, problems);
   const ReleaseTree tree(options.from);
   scanRelease(tree.path(), files, problems);
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
@@ -317,6 +328,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
     addRevertNotes(options, notes, store, manifest, problems);
   }
   warnNothingToInstall(manifest, store, summary.warnings);
+  warnPackagedLauncher(manifest, options.package, packagedLauncher, summary.warnings);
   if (!problems.empty() || !signAndSwapIn(options, signing, store, manifest, problems)) {
     return false;
   }
