@@ -1,6 +1,7 @@
 #include "tools/publish/options.h"
 
 #include <algorithm>
+#include <charconv>
 #include <map>
 #include <set>
 
@@ -59,16 +60,43 @@ bool takePassphrase(const Values& values, PassphraseSource& source, std::string&
   return true;
 }
 
+// A speed in megabits per second: digits, with one '.' among them at most, above zero.
+bool takeLink(const Values& values, double& mbit, std::string& error) {
+  const auto found = values.find("--slowest-link");
+  if (found == values.end()) return true;
+  const std::string& text = found->second;
+  const char* const end = text.data() + text.size();
+  const bool decimal = text.find_first_not_of("0123456789.") == std::string::npos &&
+                       std::count(text.begin(), text.end(), '.') <= 1;
+  double value = 0;
+  if (!decimal || std::from_chars(text.data(), end, value).ptr != end || !(value > 0)) {
+    error = "--slowest-link '" + text + "' is not a speed in Mbit/s above 0, like 10 or 2.5";
+    return false;
+  }
+  mbit = value;
+  return true;
+}
+
+// The link every file must reach players on, said for each command that takes it.
+std::string linkUsage(const std::string& verdict) {
+  return "           --slowest-link: the players' slowest link in Mbit/s (default 10); launchers\n"
+         "           give up on a request after " +
+         std::to_string(update::kRequestTimeoutSeconds) +
+         " s, so a file that link cannot fetch in " + std::to_string(kTransferBudgetSeconds) +
+         " s\n           " + verdict + ".\n";
+}
+
 // Parses the words with the options that release and revert share added to `grammar`, and takes
 // those.
 bool parsePublishing(const std::vector<std::string>& args, Grammar grammar, Values& values,
                      ReleaseOptions& options, std::string& error) {
   grammar.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep",
-                         "--passphrase-file", "--passphrase-env"});
+                         "--passphrase-file", "--passphrase-env", "--slowest-link"});
   grammar.flags.insert({"--mandatory", "--no-wait"});
   grammar.required.insert({"--key", "--server-root"});
   if (!parseWords(args, grammar, values, error) ||
-      !takePassphrase(values, options.passphrase, error)) {
+      !takePassphrase(values, options.passphrase, error) ||
+      !takeLink(values, options.slowestLinkMbit, error)) {
     return false;
   }
   take(values, "--key", options.key);
@@ -94,18 +122,21 @@ std::string usageText(const std::string& command) {
        "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
        "           [--mandatory] [--minimum-online-version V] [--protocol-version N] [--keep 3]\n"
        "           [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
-       "           [--force-below-fresh-install]\n"
+       "           [--force-below-fresh-install] [--slowest-link 10]\n"
        "           --mandatory locks PLAY for every player, those already on V too, until a\n"
-       "           release without it replaces it.\n"},
+       "           release without it replaces it.\n" +
+           linkUsage("is refused")},
       {"revert",
        "       tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
        "           --server-root ROOT [--channel stable] [--platform linux] [--notes FILE]\n"
        "           [--mandatory] [--keep 3] [--no-wait] [--passphrase-file FILE |\n"
-       "           --passphrase-env NAME]\n"
-       "           publishes the files of a kept release again as NEW_V, above the served one.\n"},
+       "           --passphrase-env NAME] [--slowest-link 10]\n"
+       "           publishes the files of a kept release again as NEW_V, above the served one.\n" +
+           linkUsage("is refused")},
       {"verify",
        "       tarn-hollow-publish verify --url URL [--channel stable] [--platform linux]\n"
-       "           [--public-key FILE] [--strict]\n"},
+       "           [--public-key FILE] [--strict] [--slowest-link 10]\n" +
+           linkUsage("is named, and with --strict fails")},
   };
   if (const auto found = kUsage.find(command); found != kUsage.end()) {
     return "usage:" + found->second.substr(6);
@@ -170,8 +201,11 @@ bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& opt
                         std::string& error) {
   Values values;
   if (!parseWords(args,
-                  {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}},
-                  values, error)) {
+                  {{"--url", "--channel", "--platform", "--public-key", "--slowest-link"},
+                   {"--strict"},
+                   {"--url"}},
+                  values, error) ||
+      !takeLink(values, options.slowestLinkMbit, error)) {
     return false;
   }
   take(values, "--url", options.url);

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "tools/publish/progress.h"
+#include "tools/publish/release/transfer_limit.h"
 #include "tools/publish/verify/cache_headers.h"
 #include "update/http.h"
 #include "update/manifest.h"
@@ -134,6 +135,8 @@ bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problem
     return false;
   }
   summary.version = manifest.version;
+  const Problems tooLarge = overTransferLimit(manifest.files, options.slowestLinkMbit);
+  summary.warnings.insert(summary.warnings.end(), tooLarge.begin(), tooLarge.end());
   for (const update::ManifestFile& file : manifest.files) summary.bytes += file.size;
   HashProgress progress(stderr, manifest.files.size(), summary.bytes, "checking");
   const std::string filesUrl = update::joinUrl(summary.folderUrl, "files");
