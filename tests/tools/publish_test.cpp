@@ -32,6 +32,12 @@ const std::string kNotes =
 const char* const kOddName = "data/odd-name_(v2)+final;@'!$&*,=~.txt";
 const std::string kRefused = "tarn-hollow-publish: refused, nothing was published:\n";
 const std::string kNoKey = "tarn-hollow-publish: refused, no key was made:\n";
+// What release and verify say of Studio::next's 3 MiB world.pak on a link of 0.2 Mbit/s.
+const std::string kTooSlow =
+    "data/world.pak: 3.0 MiB needs 126 s at 0.2 Mbit/s, more than the 120 s a file may take (a "
+    "launcher gives up on a request after 180 s, then starts the file over); it arrives in time "
+    "from 0.3 Mbit/s up. Split it into parts of at most 2.8 MiB, or give --slowest-link 0.3 "
+    "knowingly: players on slower links could never install it";
 
 // `text` holds `heading`, then a line per problem naming what is given (not the whole sentence).
 void expectReport(const std::string& text, const std::string& heading, const Args& problems) {
@@ -430,9 +436,10 @@ TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
 // publishing the kept files of the one before under a higher version, signed afresh.
 TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
   Studio s;
-  s.expectRefused(s.next("0.16.99"), {"--version '0.16.99' is below 0.16.117, the version of an"});
-  const Args first = s.next("1.0.1");
-  fs::permissions(s.release / "tarn-hollow", fs::perms(0755));  // kept with its executable flag
+  s.expectRefused(s.next("0.16.99", {"--slowest-link", "0.2"}),
+                  {"--version '0.16.99' is below 0.16.117, the version of an", kTooSlow});
+  const Args first = s.next("1.0.1", {"--slowest-link", "0.3"});  // the link the refusal names
+  fs::permissions(s.release / "tarn-hollow", fs::perms(0755));    // kept with its executable flag
   ASSERT_EQ(runProcess(first).exitCode, 0);
   NginxServer nginx(s.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
@@ -555,7 +562,40 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
     EXPECT_EQ(readBytes(player / "tarn-hollow"), readBytes(s.scratch / "1.0.1" / "tarn-hollow"));
     EXPECT_EQ(fileMode(player / "tarn-hollow"), 0755u);
   }
-  expectVerify(nginx.url(), {});
+  EXPECT_PRED_FORMAT2(IsSubstring, "tarn-hollow-publish: warning: " + kTooSlow + "\n",
+                      expectVerify(nginx.url(), {}, {"--slowest-link", "0.2"}));
+}
+
+// A file that needs longer than the launcher's 180 s per request on a player's link never
+// installs; told that link, release refuses it, and its parts install. The client runs under
+// Debian's libfaketime at twenty times the clock's speed, CLOCK_MONOTONIC (which libcurl times
+// with) included, so that libcurl's 180 s pass in 9 real ones and the test takes half a minute,
+// not four: nginx's 256 KiB/s is then a link of 0.105 Mbit/s, on which the 4 MiB file needs 16
+// real seconds and each 1 MiB part 4, room enough either way on a loaded machine.
+TEST(Publish, AFileTooLargeForThePlayersLinkInstallsOnceSplit) {
+  Studio s;
+  const fs::path data = s.release / "data", game = s.scratch / "game";
+  writeBytes(data / "world.pak", std::string(4 << 20, 'w'));
+  ASSERT_EQ(runProcess(s.args("1.0.0")).exitCode, 0);  // the default link fetches it in time
+  NginxServer nginx(s.server, "limit_rate 256k;");
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  prepareInstall(game, nginx.url());
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  const ProcessOptions fast{
+      {{"LD_PRELOAD", "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"},
+       {"FAKETIME", "+0 x20"},
+       {"ASAN_OPTIONS", std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0"}},
+      {}};
+  const Args client{TH_UPDATE_CLIENT, game, nginx.url()};
+  EXPECT_EQ(runProcess(client, fast).out, "Timeout was reached\n");  // libcurl's, at 180 s
+  const Args slowest{"--slowest-link", "0.1"};
+  expectReport(runProcess(s.args("1.0.1", slowest)).err, kRefused,
+               {"data/world.pak: 4.0 MiB needs 336 s at 0.1 Mbit/s, more than the 120 s"});
+  fs::remove(data / "world.pak");
+  for (const char* part : {"1", "2", "3", "4"})
+    writeBytes(data / (std::string("world.pak.") + part), std::string(1 << 20, *part));
+  ASSERT_EQ(runProcess(s.args("1.0.1", slowest)).exitCode, 0);
+  EXPECT_EQ(runProcess(client, fast).out, "1.0.1\n");
 }
 
 // Misuse exits with 2 naming the problem before the usage; help and version go to standard output;
@@ -582,6 +622,7 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
       {common + " --keep=abc", 2, "--keep 'abc' is not a whole number from 1 to 2147483647"},
       {common + " --keep 0", 2, "--keep '0' is not a whole number"},
       {"revert --to 1.0.0", 2, "missing --as"},
+      {"verify --url u --slowest-link 0.0", 2, "--slowest-link '0.0' is not a speed"},
       {"keygen --out k --unencrypted --passphrase-env P", 2, "--unencrypted"},
       {"keygen --out=k --passphrase-file f --passphrase-env P", 2, "give"},
       {"verify --url http://127.0.0.1:9 --public-key /none", 1,
@@ -667,7 +708,8 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
 
 // Release N+1 live within N's second, a changed file the same size: behind the shipped settings
 // the edge, which revalidates by size and time, must not keep N's bytes. Then what verify makes of
-// each set of caching headers a shared cache may meet, each under a folder of its own.
+// each set of caching headers a shared cache may meet, each under a folder of its own, and of a
+// file too large for the slowest link.
 TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
   Studio s;
   const std::string shipped =
@@ -715,6 +757,7 @@ TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
       if (!table[i].stale.empty()) named.push_back(std::string(name) + ": " + table[i].stale);
     expectVerify(origin.url() + "/" + std::to_string(i), named, {"--strict"});
   }
+  expectVerify(origin.url() + "/0", {kTooSlow}, {"--strict", "--slowest-link", "0.2"});
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ struct Grammar {
 
 Grammar publishingGrammar(Grammar own) {
   own.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep",
-                     "--passphrase-file", "--passphrase-env"});
+                     "--passphrase-file", "--passphrase-env", "--slowest-link"});
   own.flags.insert({"--mandatory", "--no-wait"});
   own.required.insert({"--key", "--server-root"});
   return own;
@@ -31,7 +31,10 @@ const Grammar& grammarOf(const std::string& command) {
                                      {"--force-below-fresh-install"},
                                      {"--from", "--version"}})},
       {"revert", publishingGrammar({{"--to", "--as"}, {}, {"--to", "--as"}})},
-      {"verify", {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}}},
+      {"verify",
+       {{"--url", "--channel", "--platform", "--public-key", "--slowest-link"},
+        {"--strict"},
+        {"--url"}}},
   };
   return kGrammars.at(command);
 }
@@ -105,6 +108,23 @@ bool takePassphrase(const Values& values, PassphraseSource& source, std::string&
   return true;
 }
 
+// A speed in megabits per second: digits, with one '.' among them at most, above zero.
+bool takeLink(const Values& values, double& mbit, std::string& error) {
+  const auto found = values.find("--slowest-link");
+  if (found == values.end()) return true;
+  const std::string& text = found->second;
+  const char* const end = text.data() + text.size();
+  const bool decimal = text.find_first_not_of("0123456789.") == std::string::npos &&
+                       std::count(text.begin(), text.end(), '.') <= 1;
+  double value = 0;
+  if (!decimal || std::from_chars(text.data(), end, value).ptr != end || !(value > 0)) {
+    error = "--slowest-link '" + text + "' is not a speed in Mbit/s above 0, like 10 or 2.5";
+    return false;
+  }
+  mbit = value;
+  return true;
+}
+
 bool wholeNumberFromOne(const std::string& digits) {
   int value = 0;
   const char* end = digits.data() + digits.size();
@@ -116,7 +136,8 @@ bool wholeNumberFromOne(const std::string& digits) {
 bool parsePublishing(const std::vector<std::string>& args, const std::string& command,
                      Values& values, ReleaseOptions& options, std::string& error) {
   if (!parseWords(args, grammarOf(command), values, error) ||
-      !takePassphrase(values, options.passphrase, error)) {
+      !takePassphrase(values, options.passphrase, error) ||
+      !takeLink(values, options.slowestLinkMbit, error)) {
     return false;
   }
   take(values, "--key", options.key);
@@ -187,7 +208,10 @@ bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& op
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error) {
   Values values;
-  if (!parseWords(args, grammarOf("verify"), values, error)) return false;
+  if (!parseWords(args, grammarOf("verify"), values, error) ||
+      !takeLink(values, options.slowestLinkMbit, error)) {
+    return false;
+  }
   take(values, "--url", options.url);
   take(values, "--channel", options.channel);
   take(values, "--platform", options.platform);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/publish/keys/passphrase.h"
+#include "tools/publish/release/transfer_limit.h"
 
 namespace th::publish {
 
@@ -32,7 +33,8 @@ struct ReleaseOptions {
   std::string keep = "3";             // releases kept on the server, the current one included;
                                       // a whole number from 1, checked when parsed
   bool wait = true;                   // for another release of the channel and platform to finish
-  PassphraseSource passphrase;        // asked for only when the key is encrypted
+  double slowestLinkMbit = kDefaultSlowestLinkMbit;  // every file must reach players on it
+  PassphraseSource passphrase;                       // asked for only when the key is encrypted
 };
 
 struct VerifyOptions {
@@ -40,7 +42,9 @@ struct VerifyOptions {
   std::string channel = "stable";
   std::string platform = "linux";
   std::filesystem::path publicKey;  // empty: the key built into the tool
-  bool strict = false;              // caching that lets a shared cache serve stale fails
+  bool strict = false;  // caching that lets a shared cache serve stale fails, as do files too
+                        // large for the slowest link
+  double slowestLinkMbit = kDefaultSlowestLinkMbit;
 };
 
 // `args` are the words after the command name. On failure `error` says what is wrong.

@@ -19,6 +19,7 @@
 #include "tools/publish/release/release_scan.h"
 #include "tools/publish/release/release_store.h"
 #include "tools/publish/release/revert_release.h"
+#include "tools/publish/release/transfer_limit.h"
 #include "update/manifest.h"
 #include "update/pinned_key.h"
 #include "update/platform.h"
@@ -114,6 +115,16 @@ std::string readPackagedLauncher(const ReleaseOptions& options, Problems& proble
     problems.push_back(error);
   }
   return digest;
+}
+
+// Judged on the sizes as scanned, so that nothing is copied for a release that players on the
+// slowest link could never install.
+void checkTransferLimit(const std::vector<ReleaseFile>& files, double slowestLinkMbit,
+                        Problems& problems) {
+  std::vector<update::ManifestFile> sized;
+  for (const ReleaseFile& file : files) sized.push_back({file.path, {}, file.size, false});
+  const Problems tooLarge = overTransferLimit(sized, slowestLinkMbit);
+  problems.insert(problems.end(), tooLarge.begin(), tooLarge.end());
 }
 
 struct SigningKey {
@@ -316,6 +327,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   const std::string packagedLauncher = readPackagedLauncher(options, problems);
   const ReleaseTree tree(options.from);
   scanRelease(tree.path(), files, problems);
+  checkTransferLimit(files, options.slowestLinkMbit, problems);
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
     return false;
   }
