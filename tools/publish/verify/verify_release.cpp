@@ -71,7 +71,7 @@ void noteCaching(const std::string& name, const std::string& url,
   ResponseHeaders headers;
   std::string error;
   if (!fetchResponseHeaders(url, headers, error)) {
-    warnings.push_back(name + ": its headers cannot be fetched: " + error);
+    warnings.push_back(name + ": its headers cannot be fetched: " + withHttpStatus(url, error));
     return;
   }
   if (const std::string why = staleCaching(headers, std::time(nullptr)); !why.empty()) {
