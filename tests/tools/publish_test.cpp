@@ -244,11 +244,14 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   writeBytes(s.notes, "beep\x07");
   s.server = s.release / "srv";
   // The refusal names the options' problems first, then the release's entries by path.
-  Args problems{
-      "--version '1..2' is not a dotted",        "--minimum-online-version '1.2147483648' is",
-      "--protocol-version '-1' is not a whole",  "--channel 'a/b' must be letters",
-      "--platform '..' must be letters",         "release notes hold a control character",
-      "the server root lies inside the release", "not a PEM private key"};
+  Args problems{"release notes hold a control character",
+                "--version '1..2' is not a dotted",
+                "--minimum-online-version '1.2147483648' is",
+                "--protocol-version '-1' is not a whole",
+                "--channel 'a/b' must be letters",
+                "--platform '..' must be letters",
+                "the server root lies inside the release",
+                "not a PEM private key"};
   const Args entries{
       ".tarnhollow-update: would displace the updater's", "100%.txt: characters the launcher",
       "bin/tarn-hollow-launcher: the launcher takes any", "broken: cannot be read (broken",
