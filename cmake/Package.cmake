@@ -20,6 +20,8 @@ function(th_install_game variant launcher public_key)
           DESTINATION assets/launcher COMPONENT ${variant} ${ARGN})
   install(FILES "${PROJECT_SOURCE_DIR}/packaging/tarn-hollow.desktop"
           DESTINATION . COMPONENT ${variant} ${ARGN})
+  install(FILES "${PROJECT_SOURCE_DIR}/docs/PLAYERS.md"
+          DESTINATION . COMPONENT ${variant} ${ARGN})
   if(public_key)
     install(FILES "${public_key}" DESTINATION data RENAME update_public_key.pem
             COMPONENT ${variant} ${ARGN})

@@ -151,7 +151,8 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
   const Args unpack{"/usr/bin/tar", "-xzf", game.string() + ".tar.gz", "-C", s.scratch.path()};
   ASSERT_EQ(runProcess(unpack).exitCode, 0);
   EXPECT_TRUE(fs::is_regular_file(game / "tarn-hollow-update-helper") &&
-              fs::is_regular_file(game / "tarn-hollow.desktop"));
+              fs::is_regular_file(game / "tarn-hollow.desktop") &&
+              fs::is_regular_file(game / "PLAYERS.md"));
   // The package holds the launcher the build made, so that a release can carry the same bytes.
   const std::string built = readBytes(TH_BINARY_DIR "/devkey/tarn-hollow-launcher");
   EXPECT_EQ(sha256Hex(readBytes(game / "tarn-hollow-launcher")), sha256Hex(built));
