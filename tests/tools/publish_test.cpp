@@ -602,6 +602,59 @@ TEST(Publish, AFileTooLargeForThePlayersLinkInstallsOnceSplit) {
   EXPECT_EQ(runProcess(client, fast).out, "1.0.1\n");
 }
 
+// The key stays where it is: prepare and publish run without it, sign shows what it signs. A copy
+// cut short on its way to the origin is refused at publish, not served; the guard rails run at
+// every step.
+TEST(Publish, PreparedAndPublishedWithoutTheKeySignedWhereItIs) {
+  Studio s;
+  s.next("1.0.0");
+  const fs::path prepared = s.scratch / "prepared", origin = s.scratch / "origin";
+  const auto prepare = [&](const std::string& version, const fs::path& out, const Args& extra) {
+    return publish(Args{"prepare", "--from", s.release, "--version", version, "--out", out} +
+                   extra);
+  };
+  const auto publishFrom = [&](const fs::path& folder) {
+    return publish({"publish", "--prepared", folder, "--server-root", s.server});
+  };
+  const ProcessResult made = prepare("1.0.0", prepared, {"--notes", s.notes});
+  ASSERT_EQ(made.exitCode, 0) << made.err;
+  const std::string digest = sha256Hex(readBytes(prepared / "manifest.json"));
+  EXPECT_PRED_FORMAT2(IsSubstring,
+                      "manifest SHA-256: " + digest + "\nsign it with the key of fingerprint " +
+                          sha256Hex(readBytes(TH_DEV_PUBLIC_KEY)) + "\n",
+                      made.out);
+  expectReport(publishFrom(prepared).err, kRefused, {"manifest.sig: not signed yet"});
+  expectReport(prepare("1.0.0", prepared, {}).err,
+               "tarn-hollow-publish: refused, nothing was prepared:\n",
+               {"prepared: exists and is not an empty folder"});
+  const ProcessResult signedIt =
+      publish({"sign", "--prepared", prepared, "--key", TH_DEV_PRIVATE_KEY});
+  EXPECT_EQ(signedIt.out,
+            "signing 1.0.0 (stable/linux): 3 files, 4194325 bytes\n"
+            "manifest SHA-256: " +
+                digest + "\nsigned: " + (prepared / "manifest.sig").string() + "\n");
+  // Carried to the origin, one file cut short on the way.
+  fs::copy(prepared, origin, fs::copy_options::recursive);
+  fs::resize_file(origin / "files" / "data" / "world.pak", 1000);
+  expectReport(publishFrom(origin).err, kRefused,
+               {"data/world.pak: not as the signed manifest lists it"});
+  fs::copy_file(prepared / "files" / "data" / "world.pak", origin / "files" / "data" / "world.pak",
+                fs::copy_options::overwrite_existing);
+  ASSERT_EQ(publishFrom(origin).exitCode, 0);
+  NginxServer nginx(s.server);
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  const fs::path player = s.scratch / "player";
+  prepareInstall(player, nginx.url());
+  EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, player, nginx.url()}).out, "1.0.0\n");
+  // A lower version: refused at prepare when it sees the server, and at publish in any case.
+  const std::string lower = "--version '0.17.0' is not above the served release 1.0.0";
+  expectReport(prepare("0.17.0", s.scratch / "lower", {"--server-url", nginx.url()}).err,
+               "tarn-hollow-publish: refused, nothing was prepared:\n", {lower});
+  ASSERT_EQ(prepare("0.17.0", s.scratch / "lower", {}).exitCode, 0);
+  publish({"sign", "--prepared", s.scratch / "lower", "--key", TH_DEV_PRIVATE_KEY});
+  expectReport(publishFrom(s.scratch / "lower").err, kRefused, {lower});
+}
+
 // Misuse exits with 2 naming the problem before the usage; help and version go to standard output;
 // a --public-key that no launcher trusts is refused before any request.
 TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
@@ -652,7 +705,8 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
     EXPECT_EQ(row.exitCode == 2, result.err.find("\nusage:") != std::string::npos) << result.err;
   }
   // Each command's help explains every option its synopsis names, and the exit statuses.
-  for (const char* command : {"keygen", "release", "revert", "verify"}) {
+  for (const char* command :
+       {"keygen", "release", "prepare", "sign", "publish", "revert", "verify"}) {
     const std::string help = publish({command, "--help"}).out;
     const std::string synopsis = help.substr(0, help.find("\n\n"));
     EXPECT_PRED_FORMAT2(IsSubstring, "\nExit status: 0 done; 1 refused or failed", help);

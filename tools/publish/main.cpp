@@ -1,7 +1,8 @@
 // tarn-hollow-publish: the studio's release tool. `keygen` makes a signing key pair; `release`
-// publishes a release folder, signed, into an update server's folder tree; `revert` publishes a
-// kept release's files again under a higher version; `verify` checks a served release as a
-// player's launcher would see it.
+// publishes a release folder, signed, into an update server's folder tree; `prepare`, `sign` and
+// `publish` do the same in three steps, so that the key never has to be where the release is
+// built or served; `revert` publishes a kept release's files again under a higher version;
+// `verify` checks a served release as a player's launcher would see it.
 
 #include <algorithm>
 #include <cstdint>
@@ -14,7 +15,9 @@
 #include "tools/publish/build_variant.h"
 #include "tools/publish/keys/keygen.h"
 #include "tools/publish/options.h"
+#include "tools/publish/release/prepare_release.h"
 #include "tools/publish/release/publish_release.h"
+#include "tools/publish/release/sign_release.h"
 #include "tools/publish/usage.h"
 #include "tools/publish/verify/verify_release.h"
 #include "update/pinned_key.h"
@@ -110,9 +113,9 @@ int publish(const th::publish::ReleaseOptions& options) {
   const bool published = th::publish::publishRelease(options, summary, problems);
   warn(summary.warnings);
   if (!published) return refused(problems);
-  std::cout << "published " << options.version << " (" << options.channel << '/' << options.platform
-            << "): " << summary.files << " files, " << summary.bytes << " bytes, in "
-            << printable(summary.channelFolder.string()) << '\n';
+  std::cout << "published " << printable(summary.version) << " (" << printable(summary.channel)
+            << '/' << printable(summary.platform) << "): " << summary.files << " files, "
+            << summary.bytes << " bytes, in " << printable(summary.channelFolder.string()) << '\n';
   if (!options.revertTo.empty()) {
     std::cout << "with the files of " << options.revertTo << ", signed afresh\n";
   }
@@ -127,18 +130,58 @@ int publish(const th::publish::ReleaseOptions& options) {
   return kExitDone;
 }
 
-int release(const Args& args) {
-  th::publish::ReleaseOptions options;
+// Parses the words of a publishing command; false, with the exit status, after naming the misuse.
+bool parsed(const std::string& command, const Args& args, th::publish::ReleaseOptions& options,
+            int& status) {
   std::string error;
-  if (!th::publish::parseReleaseOptions(args, options, error)) return usageError(error, "release");
-  return publish(options);
+  if (th::publish::parsePublishingOptions(command, args, options, error)) return true;
+  status = usageError(error, command);
+  return false;
 }
 
-int revert(const Args& args) {
+// release, revert, and publish of a prepared folder.
+int publishing(const std::string& command, const Args& args) {
   th::publish::ReleaseOptions options;
-  std::string error;
-  if (!th::publish::parseRevertOptions(args, options, error)) return usageError(error, "revert");
-  return publish(options);
+  int status = kExitUsage;
+  return parsed(command, args, options, status) ? publish(options) : status;
+}
+
+int prepare(const Args& args) {
+  th::publish::ReleaseOptions options;
+  int status = kExitUsage;
+  if (!parsed("prepare", args, options, status)) return status;
+  th::publish::PrepareSummary summary;
+  std::vector<std::string> problems;
+  const bool prepared = th::publish::prepareRelease(options, summary, problems);
+  warn(summary.warnings);
+  if (!prepared) return failed("refused, nothing was prepared", problems);
+  std::cout << "prepared " << options.version << " (" << options.channel << '/' << options.platform
+            << "): " << summary.files << " files, " << summary.bytes << " bytes, in "
+            << printable(options.prepared.string()) << '\n'
+            << "manifest SHA-256: " << summary.manifestDigest << '\n'
+            << "sign it with the key of fingerprint " << th::update::pinnedKeyFingerprint() << '\n';
+  return kExitDone;
+}
+
+// Shows what is about to be signed before the key is even opened.
+int sign(const Args& args) {
+  th::publish::ReleaseOptions options;
+  int status = kExitUsage;
+  if (!parsed("sign", args, options, status)) return status;
+  th::publish::PreparedManifest prepared;
+  std::vector<std::string> problems, warnings;
+  if (!th::publish::readPreparedManifest(options.prepared, prepared, problems)) {
+    return failed("refused, nothing was signed", problems);
+  }
+  const th::update::Manifest& manifest = prepared.manifest;
+  std::cout << "signing " << printable(manifest.version) << " (" << printable(manifest.channel)
+            << '/' << printable(manifest.platform) << "): " << manifest.files.size() << " files, "
+            << prepared.bytes << " bytes\nmanifest SHA-256: " << prepared.digest << std::endl;
+  const bool signedIt = th::publish::signPrepared(options, prepared, problems, warnings);
+  warn(warnings);
+  if (!signedIt) return failed("refused, nothing was signed", problems);
+  std::cout << "signed: " << printable((options.prepared / "manifest.sig").string()) << '\n';
+  return kExitDone;
 }
 
 int verify(const Args& args) {
@@ -190,7 +233,13 @@ int main(int argc, char** argv) {
   if (words[0] == "--version") return version();
   if (words[0] == "--help" || words[0] == "-h") return help();
   static const std::map<std::string, int (*)(const Args&)> kCommands = {
-      {"keygen", keygen}, {"release", release}, {"revert", revert}, {"verify", verify}};
+      {"keygen", keygen},
+      {"release", [](const Args& args) { return publishing("release", args); }},
+      {"revert", [](const Args& args) { return publishing("revert", args); }},
+      {"prepare", prepare},
+      {"sign", sign},
+      {"publish", [](const Args& args) { return publishing("publish", args); }},
+      {"verify", verify}};
   const auto command = kCommands.find(words[0]);
   if (command == kCommands.end()) return usageError("unknown command '" + words[0] + "'");
   const Args args(words.begin() + 1, words.end());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <initializer_list>
 #include <map>
 #include <set>
 
@@ -22,15 +23,30 @@ Grammar publishingGrammar(Grammar own) {
   return own;
 }
 
+// What `release` takes about the release itself; `prepare` takes the same.
+Grammar describingGrammar(Grammar own) {
+  own.valued.insert({"--from", "--version", "--minimum-online-version", "--protocol-version",
+                     "--package", "--channel", "--platform", "--notes", "--slowest-link"});
+  own.flags.insert({"--mandatory", "--force-below-fresh-install"});
+  own.required.insert({"--from", "--version"});
+  return own;
+}
+
 const Grammar& grammarOf(const std::string& command) {
   static const std::map<std::string, Grammar> kGrammars = {
       {"keygen",
        {{"--out", "--passphrase-file", "--passphrase-env"}, {"--unencrypted"}, {"--out"}}},
-      {"release", publishingGrammar({{"--from", "--version", "--minimum-online-version",
-                                      "--protocol-version", "--package"},
-                                     {"--force-below-fresh-install"},
-                                     {"--from", "--version"}})},
+      {"release", describingGrammar(publishingGrammar({}))},
       {"revert", publishingGrammar({{"--to", "--as"}, {}, {"--to", "--as"}})},
+      {"prepare", describingGrammar({{"--out", "--server-url"}, {}, {"--out"}})},
+      {"sign",
+       {{"--prepared", "--key", "--passphrase-file", "--passphrase-env"},
+        {},
+        {"--prepared", "--key"}}},
+      {"publish",
+       {{"--prepared", "--server-root", "--keep", "--slowest-link", "--public-key"},
+        {"--no-wait", "--force-below-fresh-install"},
+        {"--prepared", "--server-root"}}},
       {"verify",
        {{"--url", "--channel", "--platform", "--public-key", "--slowest-link"},
         {"--strict"},
@@ -132,27 +148,33 @@ bool wholeNumberFromOne(const std::string& digits) {
   return result == std::errc() && stop == end && value >= 1 && digits.front() != '+';
 }
 
-// Parses the words of release or revert and takes the options the two share.
-bool parsePublishing(const std::vector<std::string>& args, const std::string& command,
-                     Values& values, ReleaseOptions& options, std::string& error) {
-  if (!parseWords(args, grammarOf(command), values, error) ||
-      !takePassphrase(values, options.passphrase, error) ||
-      !takeLink(values, options.slowestLinkMbit, error)) {
-    return false;
-  }
-  take(values, "--key", options.key);
-  take(values, "--server-root", options.serverRoot);
-  take(values, "--channel", options.channel);
-  take(values, "--platform", options.platform);
-  take(values, "--notes", options.notes);
-  take(values, "--keep", options.keep);
+template <typename Field>
+void takeEach(const Values& values, std::initializer_list<std::pair<const char*, Field*>> fields) {
+  for (const auto& [name, field] : fields) take(values, name, *field);
+}
+
+// Every option a publishing command may have been given, each into its field.
+void takeAll(const Values& values, ReleaseOptions& options) {
+  takeEach<std::filesystem::path>(values, {{"--key", &options.key},
+                                           {"--server-root", &options.serverRoot},
+                                           {"--from", &options.from},
+                                           {"--notes", &options.notes},
+                                           {"--package", &options.package},
+                                           {"--out", &options.prepared},
+                                           {"--prepared", &options.prepared},
+                                           {"--public-key", &options.publicKey}});
+  takeEach<std::string>(values, {{"--channel", &options.channel},
+                                 {"--platform", &options.platform},
+                                 {"--keep", &options.keep},
+                                 {"--version", &options.version},
+                                 {"--as", &options.version},
+                                 {"--to", &options.revertTo},
+                                 {"--minimum-online-version", &options.minimumOnlineVersion},
+                                 {"--protocol-version", &options.protocolVersion},
+                                 {"--server-url", &options.servedUrl}});
   options.mandatory = values.count("--mandatory") > 0;
   options.wait = values.count("--no-wait") == 0;
-  if (!wholeNumberFromOne(options.keep)) {
-    error = "--keep '" + options.keep + "' is not a whole number from 1 to 2147483647";
-    return false;
-  }
-  return true;
+  options.belowFreshInstall = values.count("--force-below-fresh-install") > 0;
 }
 
 }  // namespace
@@ -183,25 +205,19 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
   return true;
 }
 
-bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
-                         std::string& error) {
+bool parsePublishingOptions(const std::string& command, const std::vector<std::string>& args,
+                            ReleaseOptions& options, std::string& error) {
   Values values;
-  if (!parsePublishing(args, "release", values, options, error)) return false;
-  take(values, "--from", options.from);
-  take(values, "--version", options.version);
-  take(values, "--minimum-online-version", options.minimumOnlineVersion);
-  take(values, "--protocol-version", options.protocolVersion);
-  take(values, "--package", options.package);
-  options.belowFreshInstall = values.count("--force-below-fresh-install") > 0;
-  return true;
-}
-
-bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& options,
-                        std::string& error) {
-  Values values;
-  if (!parsePublishing(args, "revert", values, options, error)) return false;
-  take(values, "--to", options.revertTo);
-  take(values, "--as", options.version);
+  if (!parseWords(args, grammarOf(command), values, error) ||
+      !takePassphrase(values, options.passphrase, error) ||
+      !takeLink(values, options.slowestLinkMbit, error)) {
+    return false;
+  }
+  takeAll(values, options);
+  if (!wholeNumberFromOne(options.keep)) {
+    error = "--keep '" + options.keep + "' is not a whole number from 1 to 2147483647";
+    return false;
+  }
   return true;
 }
 

@@ -35,6 +35,10 @@ struct ReleaseOptions {
   bool wait = true;                   // for another release of the channel and platform to finish
   double slowestLinkMbit = kDefaultSlowestLinkMbit;  // every file must reach players on it
   PassphraseSource passphrase;                       // asked for only when the key is encrypted
+  std::filesystem::path prepared;   // prepare: the folder it writes; sign, publish: the one read
+  std::string servedUrl;            // prepare: the server, to judge the release by what it serves
+  std::filesystem::path publicKey;  // publish: the key the signature is checked with; empty: the
+                                    // one built in
 };
 
 struct VerifyOptions {
@@ -50,11 +54,10 @@ struct VerifyOptions {
 // `args` are the words after the command name. On failure `error` says what is wrong.
 bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& options,
                         std::string& error);
-bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& options,
-                         std::string& error);
-// revert: --to is the kept release, --as the new version; `from` stays empty.
-bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& options,
-                        std::string& error);
+// release, revert ("--to" is the kept release, "--as" the new version; `from` stays empty),
+// prepare, sign and publish.
+bool parsePublishingOptions(const std::string& command, const std::vector<std::string>& args,
+                            ReleaseOptions& options, std::string& error);
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error);
 

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "tools/publish/release/manifest_json.h"
+#include "tools/publish/release/package_launcher.h"
 #include "tools/publish/release/player_reach.h"
 #include "tools/publish/release/release_scan.h"
 #include "tools/publish/release/transfer_limit.h"
@@ -113,6 +114,15 @@ void judgeRelease(const ReleaseOptions& options, const std::string& notes,
   warnUnseen(options, notes, warnings);
   const Problems tooLarge = overTransferLimit(sized, options.slowestLinkMbit);
   problems.insert(problems.end(), tooLarge.begin(), tooLarge.end());
+}
+
+// Read before the lock is waited for, so that a package that cannot be read is refused at once.
+std::string readPackagedLauncher(const ReleaseOptions& options, Problems& problems) {
+  std::string digest, error;
+  if (!options.package.empty() && !packagedLauncherDigest(options.package, digest, error)) {
+    problems.push_back(error);
+  }
+  return digest;
 }
 
 }  // namespace th::publish

@@ -24,4 +24,8 @@ void judgeRelease(const ReleaseOptions& options, const std::string& notes,
                   const std::vector<update::ManifestFile>& sized,
                   std::vector<std::string>& problems, std::vector<std::string>& warnings);
 
+// The SHA-256 of the launcher in the game package that --package names (empty without one), read
+// before anything else is waited for, so that a package that cannot be read is refused at once.
+std::string readPackagedLauncher(const ReleaseOptions& options, std::vector<std::string>& problems);
+
 }  // namespace th::publish

@@ -83,7 +83,7 @@ void warnUnseen(const ReleaseOptions& options, const std::string& notes,
       " launchers show release notes only from " + std::to_string(kMinServerNotesLength) +
       " bytes up, and otherwise the install's own patch notes file (data/patch_notes.txt first), "
       "which may be an older release's";
-  if (options.notes.empty() && options.revertTo.empty()) {
+  if (options.notes.empty() && notes.empty() && options.revertTo.empty()) {
     warnings.push_back("no --notes given:" + shownInstead);
   } else if (notes.size() < kMinServerNotesLength) {
     warnings.push_back("the release notes are " + std::to_string(notes.size()) +

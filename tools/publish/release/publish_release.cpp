@@ -2,28 +2,18 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <charconv>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 
-#include "tools/publish/keys/keys.h"
-#include "tools/publish/progress.h"
+#include "tools/publish/keys/signing_key.h"
 #include "tools/publish/release/guard_rails.h"
 #include "tools/publish/release/manifest_json.h"
-#include "tools/publish/release/package_launcher.h"
 #include "tools/publish/release/player_reach.h"
-#include "tools/publish/release/release_copy.h"
+#include "tools/publish/release/release_files.h"
 #include "tools/publish/release/release_scan.h"
 #include "tools/publish/release/release_store.h"
 #include "tools/publish/release/revert_release.h"
-#include "tools/publish/release/transfer_limit.h"
+#include "tools/publish/release/sign_release.h"
 #include "update/manifest.h"
-#include "update/pinned_key.h"
-#include "update/platform.h"
 #include "update/signature.h"
 #include "update/text_file.h"
 
@@ -32,139 +22,6 @@ namespace fs = std::filesystem;
 namespace {
 
 using Problems = std::vector<std::string>;
-
-// Read before the lock is waited for, so that a package that cannot be read is refused at once.
-std::string readPackagedLauncher(const ReleaseOptions& options, Problems& problems) {
-  std::string digest, error;
-  if (!options.package.empty() && !packagedLauncherDigest(options.package, digest, error)) {
-    problems.push_back(error);
-  }
-  return digest;
-}
-
-std::vector<update::ManifestFile> sizesOf(const std::vector<ReleaseFile>& files) {
-  std::vector<update::ManifestFile> sized;
-  for (const ReleaseFile& file : files) sized.push_back({file.path, {}, file.size, false});
-  return sized;
-}
-
-struct SigningKey {
-  LoadedKey loaded;
-  std::string publicPem;
-};
-
-// A key in the clear signs for whoever reads the file: it may be open to its owner alone.
-void judgeKeyFile(const fs::path& file, const LoadedKey& loaded, Problems& problems,
-                  Problems& warnings) {
-  if (loaded.encrypted) return;
-  if ((loaded.mode & 077) != 0) {
-    char mode[16];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(loaded.mode & 07777));
-    problems.push_back(file.string() + ": a key in the clear that group or others may open (mode " +
-                       mode + "); chmod 600 it, or better, encrypt it");
-  } else {
-    warnings.push_back(file.string() +
-                       ": the signing key is not encrypted; anyone who reads the file can sign "
-                       "releases");
-  }
-}
-
-// The key must sign, and its public half must be the key that this build's engine pins, or the
-// launchers built alongside would refuse every release signed with it.
-void checkKey(const fs::path& file, const PassphraseSource& passphrase, SigningKey& signing,
-              Problems& problems, Problems& warnings) {
-  std::string error, probe;
-  if (!loadPrivateKey(file, passphrase, signing.loaded, error)) {
-    problems.push_back(file.string() + ": " + error);
-    return;
-  }
-  judgeKeyFile(file, signing.loaded, problems, warnings);
-  EVP_PKEY* key = signing.loaded.key.get();
-  if (!publicKeyPem(key, signing.publicPem, error)) {
-    problems.push_back(file.string() + ": its public key cannot be encoded");
-    return;
-  }
-  if (!signSha256(key, "probe", probe, error)) {
-    problems.push_back(file.string() + ": this key cannot make SHA-256 signatures (use EC or RSA)");
-    return;
-  }
-  const std::string fingerprint = update::sha256Bytes(signing.publicPem);
-  if (fingerprint != update::pinnedKeyFingerprint()) {
-    problems.push_back(file.string() + ": its public key has fingerprint " + fingerprint +
-                       ", but this build pins " + std::string(update::pinnedKeyFingerprint()) +
-                       " (build with -DTH_UPDATE_KEY_FINGERPRINT=" + fingerprint + ")");
-  }
-}
-
-// Hard-links the served release's copy when the opened file has the same size and digest: a
-// one-file patch of a large game costs one file's copy, not the game's. The link is hashed
-// again, so that a served file damaged on disk is copied afresh, not carried into every later
-// release.
-bool linkUnchanged(const ReleaseFile& file, const OpenedFile& opened, const ReleaseStore& store,
-                   const fs::path& place, update::ManifestFile& entry) {
-  const update::ManifestFile* served = store.servedEntry(file.path);
-  if (served == nullptr || served->size != opened.size) return false;
-  const fs::path servedFile = store.servedFile(file.path);
-  std::error_code error;
-  if (!fs::is_regular_file(fs::symlink_status(servedFile, error))) return false;
-  if (fs::file_size(servedFile, error) != served->size || error) return false;
-  std::string digest, problem;
-  std::uint64_t size = 0;
-  if (!streamReleaseFile(opened, {}, digest, size, problem) || digest != served->sha256 ||
-      size != served->size) {
-    return false;
-  }
-  fs::create_hard_link(servedFile, place, error);
-  if (error) return false;
-  if (update::sha256File(place) != digest) {
-    fs::remove(place, error);
-    return false;
-  }
-  entry = {file.path, served->sha256, served->size, opened.executable};
-  return true;
-}
-
-// Copies the opened file into the new release, hashing the bytes as they are copied: what is
-// published is exactly what was hashed, even if the release folder changes meanwhile.
-bool copyChanged(const ReleaseFile& file, const OpenedFile& opened, const ReleaseStore& store,
-                 const fs::path& place, update::ManifestFile& entry, Problems& problems) {
-  std::string digest, problem;
-  std::uint64_t size = 0;
-  if (!streamReleaseFile(opened, place, digest, size, problem)) {
-    problems.push_back(file.path + ": " + problem);
-    return false;
-  }
-  stampNewerThan(place, store.servedFile(file.path));
-  entry = {file.path, digest, size, opened.executable};
-  return true;
-}
-
-void fillRelease(const ReleaseTree& tree, const std::vector<ReleaseFile>& files,
-                 const ReleaseStore& store, update::Manifest& manifest, std::size_t& linked,
-                 Problems& problems) {
-  std::uint64_t total = 0;
-  for (const ReleaseFile& file : files) total += file.size;
-  HashProgress progress(stderr, files.size(), total);
-  for (const ReleaseFile& file : files) {
-    const fs::path place = store.folder() / "files" / file.path;
-    std::error_code error;
-    fs::create_directories(place.parent_path(), error);
-    std::optional<OpenedFile> opened;
-    std::string problem;
-    update::ManifestFile entry;
-    if (!tree.openFile(file.source, opened, problem)) {
-      problems.push_back(file.path + ": " + problem);
-      continue;
-    }
-    if (linkUnchanged(file, *opened, store, place, entry)) {
-      ++linked;
-    } else if (!copyChanged(file, *opened, store, place, entry, problems)) {
-      continue;
-    }
-    manifest.files.push_back(entry);
-    progress.fileDone(entry.size);
-  }
-}
 
 bool writeManifest(const ReleaseStore& store, const std::string& json, const std::string& signature,
                    Problems& problems) {
@@ -179,41 +36,6 @@ bool writeManifest(const ReleaseStore& store, const std::string& json, const std
   return false;
 }
 
-update::Manifest manifestHeader(const ReleaseOptions& options, const std::string& notes) {
-  update::Manifest manifest;
-  manifest.product = update::gameBinaryName();
-  manifest.channel = options.channel;
-  manifest.platform = options.platform;
-  manifest.version = options.version;
-  manifest.protocolVersion = std::stoi(options.protocolVersion);
-  manifest.minimumOnlineVersion = options.minimumOnlineVersion;
-  manifest.mandatory = options.mandatory;
-  manifest.releaseNotes = notes;
-  return manifest;
-}
-
-// Reads the signed manifest back the way every launcher will, before anyone can fetch it. The
-// key file it needs is removed again, so it is never served.
-void selfCheck(const std::string& json, const std::string& signature, const SigningKey& signing,
-               const fs::path& folder, const update::Manifest& intended, Problems& problems) {
-  const fs::path publicKey = folder / "update_public_key.pem";
-  std::string error;
-  update::Manifest parsed;
-  const bool written = update::writeTextFile(publicKey, signing.publicPem);
-  const bool verified = written && update::verifySignedManifest(json, signature, publicKey, error);
-  std::error_code ignored;
-  fs::remove(publicKey, ignored);
-  if (!written) {
-    problems.push_back(publicKey.string() + ": cannot be written");
-  } else if (!verified) {
-    problems.push_back("the signed manifest does not verify: " + error);
-  } else if (!update::parseManifest(json, parsed, error)) {
-    problems.push_back("the launcher cannot read the manifest: " + error);
-  } else if (const std::string field = firstDifference(intended, parsed); !field.empty()) {
-    problems.push_back("the launcher would misread the manifest's " + field);
-  }
-}
-
 // Signs the manifest, checks it as launchers will read it, and makes the release current.
 bool signAndSwapIn(const ReleaseOptions& options, const SigningKey& signing, ReleaseStore& store,
                    const update::Manifest& manifest, Problems& problems) {
@@ -223,8 +45,51 @@ bool signAndSwapIn(const ReleaseOptions& options, const SigningKey& signing, Rel
     problems.push_back(options.key.string() + ": signing failed: " + error);
     return false;
   }
-  selfCheck(json, signature, signing, store.folder(), manifest, problems);
+  checkAsLaunchersRead(json, signature, signing.publicPem, store.folder(), manifest, problems);
   return problems.empty() && writeManifest(store, json, signature, problems) &&
+         store.makeCurrent(problems);
+}
+
+// A prepared release as it arrived where it is published: its signature must verify against
+// the pinned key, and it fills in what `release` takes from the command line.
+struct SignedRelease {
+  PreparedManifest prepared;
+  std::string signature, publicPem;
+};
+
+bool readSignedRelease(ReleaseOptions& options, SignedRelease& release, Problems& problems) {
+  const fs::path file = options.prepared / "manifest.sig";
+  std::error_code error;
+  if (!readPreparedManifest(options.prepared, release.prepared, problems)) return false;
+  if (!fs::is_regular_file(file, error)) {
+    problems.push_back(file.string() + ": not signed yet (run sign where the key is)");
+    return false;
+  }
+  release.signature = update::readTextFile(file);
+  while (!release.signature.empty() &&
+         std::isspace(static_cast<unsigned char>(release.signature.back()))) {
+    release.signature.pop_back();
+  }
+  if (!pinnedPublicKey(options.publicKey, release.publicPem, problems)) return false;
+  checkAsLaunchersRead(release.prepared.json, release.signature, release.publicPem,
+                       options.prepared, release.prepared.manifest, problems);
+  const update::Manifest& signedManifest = release.prepared.manifest;
+  options.version = signedManifest.version;
+  options.channel = signedManifest.channel;
+  options.platform = signedManifest.platform;
+  options.minimumOnlineVersion = signedManifest.minimumOnlineVersion;
+  options.protocolVersion = std::to_string(signedManifest.protocolVersion);
+  options.mandatory = signedManifest.mandatory;
+  options.from = options.prepared / "files";
+  return problems.empty();
+}
+
+// Serves the signed manifest exactly as it was signed, once it reads as launchers will read it.
+bool swapInSigned(const SignedRelease& release, ReleaseStore& store, Problems& problems) {
+  checkAsLaunchersRead(release.prepared.json, release.signature, release.publicPem, store.folder(),
+                       release.prepared.manifest, problems);
+  return problems.empty() &&
+         writeManifest(store, release.prepared.json, release.signature, problems) &&
          store.makeCurrent(problems);
 }
 
@@ -232,11 +97,14 @@ bool signAndSwapIn(const ReleaseOptions& options, const SigningKey& signing, Rel
 
 bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Problems& problems) {
   ReleaseOptions options = given;
+  SignedRelease prepared;  // publish: what was prepared and signed elsewhere
+  const bool fromPrepared = !options.prepared.empty();
+  if (fromPrepared && !readSignedRelease(options, prepared, problems)) return false;
   ReleaseStore store(options.serverRoot, options.channel, options.platform);
   update::Manifest kept;
   const bool reverting = !options.revertTo.empty();
   if (reverting && !findKeptRelease(store, options, kept, problems)) return false;
-  std::string notes;
+  std::string notes = prepared.prepared.manifest.releaseNotes;
   SigningKey signing;
   std::vector<ReleaseFile> files;
   Problems entries;  // named after the options' problems
@@ -245,7 +113,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   readNotes(options, notes, problems);
   if (reverting) notes = revertNotes(options, options.notes.empty() ? kept.releaseNotes : notes);
   judgeRelease(options, notes, sizesOf(files), problems, summary.warnings);
-  checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
+  if (!fromPrepared) checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
   const std::string packagedLauncher = readPackagedLauncher(options, problems);
   problems.insert(problems.end(), entries.begin(), entries.end());
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
@@ -254,18 +122,26 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   checkAboveServed(options, store.servedRelease(), problems);
   if (!problems.empty() || !store.create(options.version, problems)) return false;
   update::Manifest manifest = manifestHeader(options, notes);
-  fillRelease(tree, files, store, manifest, summary.linked, problems);
+  fillRelease(tree, files, store.folder(), &store, manifest, summary.linked, problems);
   if (reverting) {
-    matchKeptRelease(options, kept, manifest, problems);
+    matchListedFiles(kept, "the manifest of the kept release " + options.revertTo, manifest,
+                     problems);
     addRevertNotes(options, notes, store, manifest, problems);
+  }
+  if (fromPrepared) {
+    matchListedFiles(prepared.prepared.manifest, "the signed manifest", manifest, problems);
   }
   warnNothingToInstall(manifest, store.servedRelease(), summary.warnings);
   warnPackagedLauncher(manifest, options.package, packagedLauncher, summary.warnings);
-  if (!problems.empty() || !signAndSwapIn(options, signing, store, manifest, problems)) {
-    return false;
-  }
+  const bool live = problems.empty() &&
+                    (fromPrepared ? swapInSigned(prepared, store, problems)
+                                  : signAndSwapIn(options, signing, store, manifest, problems));
+  if (!live) return false;
   warnFlagOnlyChanges(manifest, store.servedRelease(), summary.warnings);
   summary.pruned = store.prune(std::stoul(options.keep));
+  summary.version = options.version;
+  summary.channel = options.channel;
+  summary.platform = options.platform;
   summary.channelFolder = store.served();
   summary.files = manifest.files.size();
   for (const auto& file : manifest.files) summary.bytes += file.size;

@@ -1,7 +1,5 @@
 #include "tools/publish/release/revert_release.h"
 
-#include <map>
-
 #include "update/signature.h"
 #include "update/text_file.h"
 
@@ -30,29 +28,6 @@ bool findKeptRelease(const ReleaseStore& store, ReleaseOptions& options, update:
 std::string revertNotes(const ReleaseOptions& options, const std::string& notes) {
   return "Tarn Hollow v" + options.version + "\n\nThe files of " + options.revertTo +
          ", again.\n\n" + notes + "\n";
-}
-
-void matchKeptRelease(const ReleaseOptions& options, const update::Manifest& kept,
-                      update::Manifest& manifest, std::vector<std::string>& problems) {
-  std::map<std::string, const update::ManifestFile*> listed;
-  for (const update::ManifestFile& file : kept.files) listed.emplace(file.path, &file);
-  for (update::ManifestFile& file : manifest.files) {
-    const auto found = listed.find(file.path);
-    if (found == listed.end()) {
-      problems.push_back(file.path + ": not listed by the kept release " + options.revertTo);
-      continue;
-    }
-    if (found->second->sha256 != file.sha256 || found->second->size != file.size) {
-      problems.push_back(file.path + ": not as the manifest of the kept release " +
-                         options.revertTo + " lists it");
-    }
-    file.executable = found->second->executable;
-    listed.erase(found);  // present, whole or not: not also "missing"
-  }
-  for (const auto& [path, file] : listed) {
-    problems.push_back(path + ": listed by the kept release " + options.revertTo +
-                       " but missing from its folder");
-  }
 }
 
 void addRevertNotes(const ReleaseOptions& options, const std::string& notes,

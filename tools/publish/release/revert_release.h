@@ -20,11 +20,6 @@ bool findKeptRelease(const ReleaseStore& store, ReleaseOptions& options, update:
 // release's). Players moved by the revert read these on the screen, under the new version.
 std::string revertNotes(const ReleaseOptions& options, const std::string& notes);
 
-// The kept files on disk carry no executable flags, and may have been damaged since: each entry
-// takes its flag from the kept manifest, and must match it in digest and size, file for file.
-void matchKeptRelease(const ReleaseOptions& options, const update::Manifest& kept,
-                      update::Manifest& manifest, std::vector<std::string>& problems);
-
 // A player still on the kept release holds all of its files: a revert of those alone would
 // install nothing there and leave the marker naming the kept version, and that launcher would
 // say VERSION MARKER UPDATE FAILED at every start. So the revert adds a file no earlier release

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "tools/publish/build_variant.h"
+#include "tools/publish/keys/signing_key.h"
 #include "tools/publish/progress.h"
 #include "tools/publish/release/player_reach.h"
 #include "tools/publish/release/transfer_limit.h"
@@ -14,7 +14,6 @@
 #include "tools/publish/verify/served_headers.h"
 #include "update/http.h"
 #include "update/manifest.h"
-#include "update/pinned_key.h"
 #include "update/signature.h"
 #include "update/text_file.h"
 
@@ -54,14 +53,10 @@ void trimSignatureEnd(std::string& signature) {
 
 bool publicKeyFile(const VerifyOptions& options, const fs::path& scratch, fs::path& key,
                    Problems& problems) {
-  key = options.publicKey;
-  if (!key.empty()) return true;
+  std::string pem;
+  if (!pinnedPublicKey(options.publicKey, pem, problems)) return false;
   key = scratch / "update_public_key.pem";
-  if (builtInPublicKey().empty()) {
-    problems.push_back("this build has no public key built in: pass --public-key FILE");
-  } else if (!update::writeTextFile(key, std::string(builtInPublicKey()))) {
-    problems.push_back(key.string() + ": cannot be written");
-  }
+  if (!update::writeTextFile(key, pem)) problems.push_back(key.string() + ": cannot be written");
   return problems.empty();
 }
 
@@ -129,23 +124,23 @@ std::string checkFile(const std::string& filesUrl, const update::ManifestFile& f
 }  // namespace
 
 bool checkPublicKeyOption(const VerifyOptions& options, Problems& problems) {
-  const fs::path& file = options.publicKey;
-  if (file.empty()) return true;
-  std::error_code error;
-  const fs::file_status status = fs::status(file, error);
-  if (error || !fs::is_regular_file(status)) {
-    problems.push_back(file.string() + ": the public key cannot be read: " +
-                       (error ? error.message() : "not a regular file"));
+  std::string pem;
+  return options.publicKey.empty() || pinnedPublicKey(options.publicKey, pem, problems);
+}
+
+bool fetchServedRelease(const VerifyOptions& options, update::Manifest& manifest,
+                        Problems& problems) {
+  VerifySummary summary;
+  summary.folderUrl =
+      update::joinUrl(update::joinUrl(options.url, options.channel), options.platform);
+  const ScratchFolder scratch;
+  fs::path key;
+  if (scratch.path().empty()) {
+    problems.push_back("no temporary folder for the key");
     return false;
   }
-  const std::string fingerprint = update::sha256File(file);
-  if (fingerprint != update::pinnedKeyFingerprint()) {
-    problems.push_back(file.string() + ": its fingerprint is " + fingerprint +
-                       ", but this build pins " + std::string(update::pinnedKeyFingerprint()) +
-                       ": launchers built with it trust no release this key would pass");
-    return false;
-  }
-  return true;
+  return publicKeyFile(options, scratch.path(), key, problems) &&
+         fetchManifest(options, summary.folderUrl, key, manifest, summary, problems);
 }
 
 bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problems& problems) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tools/publish/options.h"
+#include "update/manifest.h"
 
 namespace th::publish {
 
@@ -26,6 +27,10 @@ struct VerifySummary {
 // With --public-key, the key file must be readable and be the key this build pins, or every
 // verdict would be about a key no launcher trusts; true when none is given. No request is made.
 bool checkPublicKeyOption(const VerifyOptions& options, std::vector<std::string>& problems);
+
+// The served manifest, verified against the pinned key as verify does, without the files.
+bool fetchServedRelease(const VerifyOptions& options, update::Manifest& manifest,
+                        std::vector<std::string>& problems);
 
 // True when the manifest verifies against the pinned key, names the asked channel and platform,
 // and every file it lists downloads with its digest and size (and, with --strict, no response

@@ -1,0 +1,40 @@
+#pragma once
+// The key a release is signed with, judged before anything is published, and the check that a
+// signed manifest reads as every launcher will read it.
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tools/publish/keys/keys.h"
+#include "update/manifest.h"
+
+namespace th::publish {
+
+struct SigningKey {
+  LoadedKey loaded;
+  std::string publicPem;
+};
+
+// Loads the private key in `file` (asking `passphrase` when it is encrypted) into `signing`. The
+// key must sign SHA-256, its public half must be the key this build's engine pins (or the
+// launchers built alongside would refuse every release signed with it), and a key in the clear
+// may be open to its owner alone (warned about even then). Problem lines name the file.
+void checkKey(const std::filesystem::path& file, const PassphraseSource& passphrase,
+              SigningKey& signing, std::vector<std::string>& problems,
+              std::vector<std::string>& warnings);
+
+// Reads the signed manifest back the way every launcher will, with `publicPem` as the install's
+// key file written into `folder` for the check and removed again: the signature must verify,
+// the launcher's parser must read it, and what it reads must be `intended`.
+void checkAsLaunchersRead(const std::string& json, const std::string& signature,
+                          const std::string& publicPem, const std::filesystem::path& folder,
+                          const update::Manifest& intended, std::vector<std::string>& problems);
+
+// The public key that releases are checked with where no private key is: the key file `given`,
+// or with none the key built into this variant. It must be the key this build pins. On failure a
+// problem line names the file and why.
+bool pinnedPublicKey(const std::filesystem::path& given, std::string& pem,
+                     std::vector<std::string>& problems);
+
+}  // namespace th::publish
