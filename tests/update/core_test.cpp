@@ -32,6 +32,16 @@ TEST(CompareVersion, ReadsPartsWrapsAndIsAntisymmetric) {
       {"v1.2", "0", 0},
       {"1.02", "1.2", 0},
       {"10", "9.9.9", 1},
+      // Beyond four parts, against shorter versions; leading zeros; empty parts; non-digits.
+      {"1.2.3.4.0.0.1", "1.2.3.4.0", 1},
+      {"1.2.3.4", "1.2.3.4.0.0", 0},
+      {"1.2.3.4.5", "1.2.3.4.6.0.0", -1},
+      {"001.0002.03", "1.2.3.0.0", 0},
+      {".5", "0.5", 0},
+      {"1...", "1", 0},
+      {"1.2a.3", "1.2", 0},
+      {" 1.2", "", 0},
+      {"1.2.3.4.5x.9", "1.2.3.4.5", 0},
       // Parts wrap modulo 2^32 into a signed int, then compare accordingly.
       {"4294967297", "1", 0},
       {"2147483648", "1", -1},
