@@ -14,18 +14,25 @@ struct Grammar {
   std::set<std::string> required;  // valued options that must be given
 };
 
-Grammar publishingGrammar(Grammar own) {
-  own.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep",
-                     "--passphrase-file", "--passphrase-env"});
-  own.flags.insert({"--mandatory", "--no-wait"});
-  own.required.insert({"--key", "--server-root"});
+const std::set<std::string> kTokenOptions = {"--pkcs11-module", "--token", "--key-label"};
+
+// A key file's options, and a token key's; which one is used is judged once parsed.
+Grammar withKeyOptions(Grammar own) {
+  own.valued.insert({"--passphrase-file", "--passphrase-env", "--pin-file", "--pin-env"});
+  own.valued.insert(kTokenOptions.begin(), kTokenOptions.end());
   return own;
+}
+
+Grammar publishingGrammar(Grammar own) {
+  own.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep"});
+  own.flags.insert({"--mandatory", "--no-wait"});
+  own.required.insert({"--server-root"});
+  return withKeyOptions(own);
 }
 
 const Grammar& grammarOf(const std::string& command) {
   static const std::map<std::string, Grammar> kGrammars = {
-      {"keygen",
-       {{"--out", "--passphrase-file", "--passphrase-env"}, {"--unencrypted"}, {"--out"}}},
+      {"keygen", withKeyOptions({{"--out"}, {"--unencrypted", "--rsa"}, {"--out"}})},
       {"release",
        publishingGrammar({{"--from", "--version", "--minimum-online-version", "--protocol-version"},
                           {"--force-below-fresh-install"},
@@ -95,14 +102,47 @@ void take(const Values& values, const std::string& name, std::filesystem::path& 
   if (const auto found = values.find(name); found != values.end()) into = found->second;
 }
 
-bool takePassphrase(const Values& values, PassphraseSource& source, std::string& error) {
-  take(values, "--passphrase-file", source.file);
-  take(values, "--passphrase-env", source.variable);
+// A passphrase's or PIN's source: --STEM-file or --STEM-env, not both.
+bool takeSecretSource(const Values& values, PassphraseSource& source, std::string& error) {
+  const std::string file = "--" + source.option + "-file", env = "--" + source.option + "-env";
+  take(values, file, source.file);
+  take(values, env, source.variable);
   if (!source.file.empty() && !source.variable.empty()) {
-    error = "give --passphrase-file or --passphrase-env, not both";
+    error = "give " + file + " or " + env + ", not both";
     return false;
   }
   return true;
+}
+
+// The token's three options come together, and the PIN's only with them; a key in a token
+// takes none of a key file's options (`fileOptions`, the ones given).
+bool takeToken(const Values& values, TokenKeyName& token, bool fileOptions, std::string& error) {
+  take(values, "--pkcs11-module", token.module);
+  take(values, "--token", token.token);
+  take(values, "--key-label", token.keyLabel);
+  if (!takeSecretSource(values, token.pin, error)) return false;
+  const auto named = std::count_if(kTokenOptions.begin(), kTokenOptions.end(),
+                                   [&](const std::string& name) { return values.count(name); });
+  if (named != 0 && named != 3) {
+    error = "a key in a token needs --pkcs11-module, --token and --key-label";
+  } else if (named == 0 && (!token.pin.file.empty() || !token.pin.variable.empty())) {
+    error = "--pin-file and --pin-env are for a key in a token";
+  } else if (named == 3 && fileOptions) {
+    error = "a key in a token takes no --key, --passphrase-file, --passphrase-env or --unencrypted";
+  }
+  return error.empty();
+}
+
+bool takeKeyOptions(const Values& values, SigningKeyOptions& key, std::string& error) {
+  take(values, "--key", key.file);
+  const bool fileOptions = values.count("--key") || values.count("--passphrase-file") ||
+                           values.count("--passphrase-env");
+  if (!takeSecretSource(values, key.passphrase, error) ||
+      !takeToken(values, key.token, fileOptions, error)) {
+    return false;
+  }
+  if (key.file.empty() && !key.token.given()) error = "missing --key";
+  return error.empty();
 }
 
 bool wholeNumberFromOne(const std::string& digits) {
@@ -116,10 +156,9 @@ bool wholeNumberFromOne(const std::string& digits) {
 bool parsePublishing(const std::vector<std::string>& args, const std::string& command,
                      Values& values, ReleaseOptions& options, std::string& error) {
   if (!parseWords(args, grammarOf(command), values, error) ||
-      !takePassphrase(values, options.passphrase, error)) {
+      !takeKeyOptions(values, options.key, error)) {
     return false;
   }
-  take(values, "--key", options.key);
   take(values, "--server-root", options.serverRoot);
   take(values, "--channel", options.channel);
   take(values, "--platform", options.platform);
@@ -150,11 +189,19 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
                         std::string& error) {
   Values values;
   if (!parseWords(args, grammarOf("keygen"), values, error) ||
-      !takePassphrase(values, options.passphrase, error)) {
+      !takeSecretSource(values, options.passphrase, error)) {
     return false;
   }
   take(values, "--out", options.out);
   options.unencrypted = values.count("--unencrypted") > 0;
+  options.rsa = values.count("--rsa") > 0;
+  const bool fileOptions = options.unencrypted || !options.passphrase.file.empty() ||
+                           !options.passphrase.variable.empty();
+  if (!takeToken(values, options.token, fileOptions, error)) return false;
+  if (options.rsa && !options.token.given()) {
+    error = "--rsa is for a key in a token";
+    return false;
+  }
   if (options.unencrypted && values.size() > 2) {
     error = "--unencrypted takes no passphrase";
     return false;

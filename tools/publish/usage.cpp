@@ -14,8 +14,18 @@ const std::string kPassphrase =
     "  --passphrase-env NAME    read it from the environment variable NAME\n"
     "                           (neither: asked for on the terminal; never an argument)\n";
 
+const std::string kToken =
+    "  --pkcs11-module LIB      the token's PKCS#11 module (a path, or a file name in p11-kit's\n"
+    "                           module folder); with --token and --key-label, the key in a token\n"
+    "  --token LABEL            the token's label\n"
+    "  --key-label LABEL        the key pair's label in the token\n"
+    "  --pin-file FILE          read the token's PIN from the first line of FILE\n"
+    "  --pin-env NAME           read it from the environment variable NAME\n"
+    "                           (neither: asked for on the terminal; never an argument)\n";
+
 const std::string kPublishing =
     "  --key PRIVATE.pem        the signing key; its public half must be the key this build pins\n"
+    "                           (or a key in a token, the same so: --pkcs11-module and on)\n"
     "  --server-root ROOT       the folder the update server serves; the release goes live in\n"
     "                           ROOT/CHANNEL/PLATFORM in one step\n"
     "  --notes FILE             release notes, shown by launchers from 80 bytes up\n"
@@ -27,24 +37,32 @@ const std::string kPublishing =
     "                           channel and platform is being published\n"
     "  --channel NAME           default stable, the only channel launchers ask for\n"
     "  --platform NAME          default linux, the only platform launchers ask for\n" +
-    kPassphrase;
+    kPassphrase + kToken;
 
 const std::map<std::string, Command>& commands() {
   static const std::map<std::string, Command> kCommands = {
       {"keygen",
        {"tarn-hollow-publish keygen --out DIR\n"
-        "    [--passphrase-file FILE | --passphrase-env NAME | --unencrypted]\n",
-        "Makes a signing key pair in DIR and prints the fingerprint to build launchers with.\n"
+        "    [--passphrase-file FILE | --passphrase-env NAME | --unencrypted]\n"
+        "tarn-hollow-publish keygen --out DIR --pkcs11-module LIB --token LABEL\n"
+        "    --key-label LABEL [--pin-file FILE | --pin-env NAME] [--rsa]\n",
+        "Makes a signing key pair in DIR, or in a token (only the public key goes to DIR), and\n"
+        "prints the fingerprint to build launchers with.\n"
         "  --out DIR                where update-private-key.pem and update-public-key.pem go\n" +
             kPassphrase +
             "  --unencrypted            write the private key in the clear (throw-away keys "
-            "only)\n"}},
+            "only)\n" +
+            kToken +
+            "  --rsa                    make an RSA 3072 key in the token (default EC P-256)\n"}},
       {"release",
        {"tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
         "    --server-root ROOT [--notes FILE] [--mandatory] [--minimum-online-version V]\n"
         "    [--keep 3] [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
         "    [--channel stable] [--platform linux] [--protocol-version N]\n"
-        "    [--force-below-fresh-install]\n",
+        "    [--force-below-fresh-install]\n"
+        "  with a key in a token instead of --key and its passphrase:\n"
+        "    --pkcs11-module LIB --token LABEL --key-label LABEL\n"
+        "    [--pin-file FILE | --pin-env NAME]\n",
         "Publishes RELEASE_DIR, laid out as an install holds it, as release V, signed.\n"
         "  --from RELEASE_DIR       the release's files\n"
         "  --version V              dotted numbers like 1.4.2, above the served release's\n" +
@@ -60,7 +78,10 @@ const std::map<std::string, Command>& commands() {
        {"tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
         "    --server-root ROOT [--notes FILE] [--mandatory] [--keep 3] [--no-wait]\n"
         "    [--passphrase-file FILE | --passphrase-env NAME] [--channel stable]\n"
-        "    [--platform linux]\n",
+        "    [--platform linux]\n"
+        "  with a key in a token instead of --key and its passphrase:\n"
+        "    --pkcs11-module LIB --token LABEL --key-label LABEL\n"
+        "    [--pin-file FILE | --pin-env NAME]\n",
         "Publishes the files of a kept release again as NEW_V, above the served one: players "
         "never\n"
         "install a lower version, so this is how a bad release is rolled back.\n"

@@ -4,13 +4,12 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <system_error>
 
-#include "tools/publish/keys/keys.h"
+#include "tools/publish/keys/signer.h"
 #include "tools/publish/progress.h"
 #include "tools/publish/release/manifest_json.h"
 #include "tools/publish/release/player_reach.h"
@@ -106,49 +105,23 @@ void checkValues(const ReleaseOptions& options, std::string& notes, Problems& pr
   }
 }
 
-struct SigningKey {
-  LoadedKey loaded;
-  std::string publicPem;
-};
-
-// A key in the clear signs for whoever reads the file: it may be open to its owner alone.
-void judgeKeyFile(const fs::path& file, const LoadedKey& loaded, Problems& problems,
-                  Problems& warnings) {
-  if (loaded.encrypted) return;
-  if ((loaded.mode & 077) != 0) {
-    char mode[16];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(loaded.mode & 07777));
-    problems.push_back(file.string() + ": a key in the clear that group or others may open (mode " +
-                       mode + "); chmod 600 it, or better, encrypt it");
-  } else {
-    warnings.push_back(file.string() +
-                       ": the signing key is not encrypted; anyone who reads the file can sign "
-                       "releases");
-  }
-}
+using SigningKey = std::unique_ptr<Signer>;
 
 // The key must sign, and its public half must be the key that this build's engine pins, or the
 // launchers built alongside would refuse every release signed with it.
-void checkKey(const fs::path& file, const PassphraseSource& passphrase, SigningKey& signing,
-              Problems& problems, Problems& warnings) {
+void checkKey(const SigningKeyOptions& options, SigningKey& signing, Problems& problems,
+              Problems& warnings) {
+  signing = openSigner(options, problems, warnings);
+  if (!signing) return;
   std::string error, probe;
-  if (!loadPrivateKey(file, passphrase, signing.loaded, error)) {
-    problems.push_back(file.string() + ": " + error);
+  if (!signing->sign("probe", probe, error)) {
+    problems.push_back(signing->name() +
+                       ": this key cannot make SHA-256 signatures (use EC or RSA)");
     return;
   }
-  judgeKeyFile(file, signing.loaded, problems, warnings);
-  EVP_PKEY* key = signing.loaded.key.get();
-  if (!publicKeyPem(key, signing.publicPem, error)) {
-    problems.push_back(file.string() + ": its public key cannot be encoded");
-    return;
-  }
-  if (!signSha256(key, "probe", probe, error)) {
-    problems.push_back(file.string() + ": this key cannot make SHA-256 signatures (use EC or RSA)");
-    return;
-  }
-  const std::string fingerprint = update::sha256Bytes(signing.publicPem);
+  const std::string fingerprint = update::sha256Bytes(signing->publicPem());
   if (fingerprint != update::pinnedKeyFingerprint()) {
-    problems.push_back(file.string() + ": its public key has fingerprint " + fingerprint +
+    problems.push_back(signing->name() + ": its public key has fingerprint " + fingerprint +
                        ", but this build pins " + std::string(update::pinnedKeyFingerprint()) +
                        " (build with -DTH_UPDATE_KEY_FINGERPRINT=" + fingerprint + ")");
   }
@@ -257,7 +230,7 @@ void selfCheck(const std::string& json, const std::string& signature, const Sign
   const fs::path publicKey = folder / "update_public_key.pem";
   std::string error;
   update::Manifest parsed;
-  const bool written = update::writeTextFile(publicKey, signing.publicPem);
+  const bool written = update::writeTextFile(publicKey, signing->publicPem());
   const bool verified = written && update::verifySignedManifest(json, signature, publicKey, error);
   std::error_code ignored;
   fs::remove(publicKey, ignored);
@@ -273,12 +246,12 @@ void selfCheck(const std::string& json, const std::string& signature, const Sign
 }
 
 // Signs the manifest, checks it as launchers will read it, and makes the release current.
-bool signAndSwapIn(const ReleaseOptions& options, const SigningKey& signing, ReleaseStore& store,
-                   const update::Manifest& manifest, Problems& problems) {
+bool signAndSwapIn(const SigningKey& signing, ReleaseStore& store, const update::Manifest& manifest,
+                   Problems& problems) {
   const std::string json = manifestJson(manifest);
   std::string signature, error;
-  if (!signSha256(signing.loaded.key.get(), json, signature, error)) {
-    problems.push_back(options.key.string() + ": signing failed: " + error);
+  if (!signing->sign(json, signature, error)) {
+    problems.push_back(signing->name() + ": signing failed: " + error);
     return false;
   }
   selfCheck(json, signature, signing, store.folder(), manifest, problems);
@@ -302,7 +275,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   checkAboveFreshInstall(options, problems);
   checkNoLockOut(options, problems);
   warnUnseen(options, notes, summary.warnings);
-  checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
+  checkKey(options.key, signing, problems, summary.warnings);
   const ReleaseTree tree(options.from);
   scanRelease(tree.path(), files, problems);
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
@@ -317,7 +290,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
     addRevertNotes(options, notes, store, manifest, problems);
   }
   warnNothingToInstall(manifest, store, summary.warnings);
-  if (!problems.empty() || !signAndSwapIn(options, signing, store, manifest, problems)) {
+  if (!problems.empty() || !signAndSwapIn(signing, store, manifest, problems)) {
     return false;
   }
   warnFlagOnlyChanges(manifest, store, summary.warnings);
