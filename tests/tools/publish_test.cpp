@@ -364,6 +364,12 @@ TEST(Token, KeysInATokenSignReleasesThatPlayersInstall) {
                   " (ship it as data/update_public_key.pem)\nfingerprint: " + made[type] +
                   "\nbuild with:  -DTH_UPDATE_KEY_FINGERPRINT=" + made[type] + "\n")
         << result.err;
+    // Sensitive and never extractable, as the token itself says.
+    const Args list{"/usr/bin/p11tool", "--provider", TH_SOFTHSM2, "--login", "--list-privkeys"};
+    EXPECT_PRED_FORMAT2(IsSubstring, "CKA_PRIVATE; CKA_NEVER_EXTRACTABLE; CKA_SENSITIVE; \n",
+                        runProcess(list + Args{"pkcs11:token=studio;object=" + type},
+                                   {{{"GNUTLS_PIN", "1234"}}, {}})
+                            .out);
     expectReport(publish(Args{"keygen", "--out", s.scratch / "again"} + token(type, pinFile)).err,
                  kNoKey,
                  {"token 'studio' already holds a key labelled '" + type + "'; a key is never"});
