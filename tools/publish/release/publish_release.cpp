@@ -9,6 +9,7 @@
 #include <iterator>
 #include <system_error>
 
+#include "tools/publish/keys/keys.h"
 #include "tools/publish/keys/signer.h"
 #include "tools/publish/progress.h"
 #include "tools/publish/release/manifest_json.h"
@@ -118,6 +119,11 @@ void checkKey(const SigningKeyOptions& options, SigningKey& signing, Problems& p
     problems.push_back(signing->name() +
                        ": this key cannot make SHA-256 signatures (use EC or RSA)");
     return;
+  }
+  // A token may hold another pair's public key under the label: its signatures would verify
+  // nowhere.
+  if (!verifiesSha256(signing->publicPem(), "probe", probe)) {
+    problems.push_back(signing->name() + ": its signatures do not verify with its public key");
   }
   const std::string fingerprint = update::sha256Bytes(signing->publicPem());
   if (fingerprint != update::pinnedKeyFingerprint()) {
