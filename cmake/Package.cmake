@@ -20,6 +20,8 @@ function(th_install_game variant launcher public_key)
           DESTINATION assets/launcher COMPONENT ${variant} ${ARGN})
   install(FILES "${PROJECT_SOURCE_DIR}/packaging/tarn-hollow.desktop"
           DESTINATION . COMPONENT ${variant} ${ARGN})
+  install(FILES "${PROJECT_SOURCE_DIR}/docs/PLAYERS.md"
+          DESTINATION . COMPONENT ${variant} ${ARGN})
   if(public_key)
     install(FILES "${public_key}" DESTINATION data RENAME update_public_key.pem
             COMPONENT ${variant} ${ARGN})
@@ -35,7 +37,9 @@ set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_NAME tarn-hollow)
 set(CPACK_PACKAGE_FILE_NAME tarn-hollow-linux-x86_64)
 set(CPACK_PACKAGE_CHECKSUM SHA256)
-set(CPACK_STRIP_FILES ON)
+# The build already made the shipped launcher and helper (ShippedExecutable.cmake); stripping
+# them here would give new players a launcher other than the one releases publish.
+set(CPACK_STRIP_FILES OFF)
 set(CPACK_TH_BUILD_DIR "${CMAKE_BINARY_DIR}")
 set(CPACK_TH_PROJECT "${PROJECT_NAME}")
 set(CPACK_TH_VARIANT game)

@@ -23,6 +23,25 @@ std::string usageText() {
          "--relaunch PROGRAM\n";
 }
 
+std::string helpText() {
+  return "tarn-hollow-update-helper swaps a new launcher into a Tarn Hollow install. The launcher\n"
+         "starts it when an update brings a new tarn-hollow-launcher, and quits; the helper waits\n"
+         "for it to end, puts the new file in place (the old one kept in .tarnhollow-update), and\n"
+         "starts the launcher again. Players need not run it themselves.\n\n" +
+         usageText() + "       tarn-hollow-update-helper --help | --version\n";
+}
+
+std::string versionText() { return std::string("tarn-hollow-update-helper ") + TH_VERSION + "\n"; }
+
+Request requestOf(int argc, const char* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "--help" || word == "-h") return Request::Help;
+    if (word == "--version") return Request::Version;
+  }
+  return Request::HandOff;
+}
+
 bool parseCommandLine(int argc, const char* const* argv, HelperOptions& options,
                       std::string& error) {
   static const std::string_view kNames[] = {"--wait-pid", "--replace", "--target", "--relaunch"};

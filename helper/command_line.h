@@ -22,4 +22,13 @@ bool parseCommandLine(int argc, const char* const* argv, HelperOptions& options,
 
 std::string usageText();
 
+// What a command line asks for before any hand-off is parsed: "--help" (or "-h") or "--version"
+// anywhere on it, the first of them deciding. No path the launcher passes is spelt so.
+enum class Request { HandOff, Help, Version };
+Request requestOf(int argc, const char* const* argv);
+
+// For a person who came across the program: what it is for, then the usage.
+std::string helpText();
+std::string versionText();
+
 }  // namespace th::helper

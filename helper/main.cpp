@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr int kExitReplaced = 0;
+constexpr int kExitReplaced = 0;  // also after --help and --version
 constexpr int kExitFailed = 1;
 constexpr int kExitRefused = 2;  // a command line that is not one install's hand-off
 constexpr auto kWaitLimit = std::chrono::seconds(30);
@@ -25,12 +25,16 @@ constexpr auto kWaitLimit = std::chrono::seconds(30);
 }  // namespace
 
 int main(int argc, char** argv) {
+  using namespace th::helper;
+  if (const Request request = requestOf(argc, argv); request != Request::HandOff) {
+    std::cout << (request == Request::Help ? helpText() : versionText());
+    return kExitReplaced;
+  }
   th::update::recordStartSignals();  // the relaunched launcher gets what this process was given
   // Out of the launcher's session and process group: a launcher that led a terminal's session
   // (started as the terminal's command) hangs the terminal up as it quits, and the hang-up would
   // end this wait before the swap, at every start.
   setsid();
-  using namespace th::helper;
   HelperOptions options;
   std::string error;
   if (!parseCommandLine(argc, argv, options, error)) {

@@ -68,7 +68,7 @@ bool setupCurl(CURL* handle, const std::string& url, std::string& error) {
   setOption(handle, CURLOPT_FOLLOWLOCATION, 1L);
   setOption(handle, CURLOPT_MAXREDIRS, 5L);
   setOption(handle, CURLOPT_CONNECTTIMEOUT, 6L);
-  setOption(handle, CURLOPT_TIMEOUT, 180L);
+  setOption(handle, CURLOPT_TIMEOUT, kRequestTimeoutSeconds);
   setOption(handle, CURLOPT_USERAGENT, "TarnHollowLauncher/1.0.3");
   setOption(handle, CURLOPT_FAILONERROR, 1L);
   setOption(handle, CURLOPT_SSL_VERIFYPEER, 1L);

@@ -10,6 +10,10 @@ namespace th::update {
 // Bytes done and bytes expected (0 while unknown).
 using ProgressCallback = std::function<void(size_t done, size_t total)>;
 
+// Every request, a whole file's download included, ends after this long; a file cut off is
+// fetched again from its first byte at the next check. The release tool sizes files by it.
+constexpr long kRequestTimeoutSeconds = 180;
+
 // Joins with exactly one '/' at the seam; an absolute http(s) URL in `relative` wins.
 std::string joinUrl(const std::string& base, const std::string& relative);
 

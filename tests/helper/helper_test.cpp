@@ -18,7 +18,7 @@ const std::string kOld = "#!/bin/sh\ntouch relaunched\n", kStaged = ".tarnhollow
 
 // A bad command line, or one that is not this install's launcher and the file its engine staged,
 // is refused with 2 before the wait for a launcher still running: nothing renamed or started. A
-// failed relaunch ends with 1, said in the log.
+// failed relaunch ends with 1, said in the log. Help and version are answered before all else.
 TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   const std::string usage =
       "\nusage: tarn-hollow-update-helper --wait-pid PID --replace STAGED "
@@ -27,6 +27,9 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
   const std::string swap = "--wait-pid " + std::to_string(running.pid()) + " --replace ";
   const std::vector<std::tuple<std::string, int, std::string>> table = {
       {"", 2, "missing --wait-pid" + usage},
+      {"--wait-pid 0 --help", 0,
+       "starts the launcher again. Players need not run it themselves.\n\nusage: "},
+      {swap + kStaged + "new --version" + kTarget, 0, "tarn-hollow-update-helper " TH_VERSION "\n"},
       {"--wait-pid 0 --replace s --target t --relaunch r", 2,
        "--wait-pid needs a positive process id, not '0'" + usage},
       {swap + kStaged + "new --target ./l --relaunch ./l", 2, "refused: target_not_a_launcher\n"},
@@ -51,8 +54,9 @@ TEST(UpdateHelper, RefusesWhatIsNotOneInstallsHandOffAndReportsFailures) {
         runProcess({"/bin/sh", "-c", TH_UPDATE_HELPER " " + args}, {{}, cwd.path(), 10s});
     EXPECT_EQ(helper.exitCode, exitCode);
     const std::string log = readBytes(cwd / ".tarnhollow-update/helper.log");
-    EXPECT_NE((exitCode == 2 ? helper.err : log).find(message), std::string::npos)
-        << helper.err << log;
+    const std::string& said = exitCode == 0 ? helper.out : exitCode == 2 ? helper.err : log;
+    EXPECT_NE(said.find(message), std::string::npos) << helper.err << log;
+    EXPECT_EQ(helper.out.empty(), exitCode != 0);
     if (message.starts_with("refused") && !message.ends_with("target_not_a_launcher\n")) {
       EXPECT_NE(log.find(" " + message), std::string::npos) << log;
     }

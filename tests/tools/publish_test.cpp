@@ -33,6 +33,12 @@ const std::string kNotes =
 const char* const kOddName = "data/odd-name_(v2)+final;@'!$&*,=~.txt";
 const std::string kRefused = "tarn-hollow-publish: refused, nothing was published:\n";
 const std::string kNoKey = "tarn-hollow-publish: refused, no key was made:\n";
+// What release and verify say of Studio::next's 3 MiB world.pak on a link of 0.2 Mbit/s.
+const std::string kTooSlow =
+    "data/world.pak: 3.0 MiB needs 126 s at 0.2 Mbit/s, more than the 120 s a file may take (a "
+    "launcher gives up on a request after 180 s, then starts the file over); it arrives in time "
+    "from 0.3 Mbit/s up. Split it into parts of at most 2.8 MiB, or give --slowest-link 0.3 "
+    "knowingly: players on slower links could never install it";
 
 // `text` holds `heading`, then a line per problem naming what is given (not the whole sentence).
 void expectReport(const std::string& text, const std::string& heading, const Args& problems) {
@@ -145,7 +151,11 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
   const Args unpack{"/usr/bin/tar", "-xzf", game.string() + ".tar.gz", "-C", s.scratch.path()};
   ASSERT_EQ(runProcess(unpack).exitCode, 0);
   EXPECT_TRUE(fs::is_regular_file(game / "tarn-hollow-update-helper") &&
-              fs::is_regular_file(game / "tarn-hollow.desktop"));
+              fs::is_regular_file(game / "tarn-hollow.desktop") &&
+              fs::is_regular_file(game / "PLAYERS.md"));
+  // The package holds the launcher the build made, so that a release can carry the same bytes.
+  const std::string built = readBytes(TH_BINARY_DIR "/devkey/tarn-hollow-launcher");
+  EXPECT_EQ(sha256Hex(readBytes(game / "tarn-hollow-launcher")), sha256Hex(built));
   // The fields as launchers read them.
   update::Manifest got;
   std::string error;
@@ -168,7 +178,12 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
 
   writeBytes(s.release / "tarn-hollow", "#!/bin/sh\necho game 1.2.0\n");
   fs::permissions(s.release / "tarn-hollow", fs::perms(0644));
-  ASSERT_EQ(runProcess(s.args("1.2.0")).exitCode, 0);
+  // With the build's launcher the package's install updates no launcher, and nothing is said.
+  writeBytes(s.release / "tarn-hollow-launcher", built);
+  const Args package{"--package", game.string() + ".tar.gz"};
+  const ProcessResult same = runProcess(s.args("1.2.0", package));
+  ASSERT_EQ(same.exitCode, 0) << same.err;
+  EXPECT_EQ(same.err.find("tarn-hollow-launcher"), std::string::npos) << same.err;
   EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, game, nginx.url()}).out, "1.2.0\n");
   EXPECT_EQ(fileMode(game / "tarn-hollow"), 0644u);
 
@@ -199,8 +214,18 @@ TEST(Publish, ReleasesGoLiveInOneStepAndReachNewAndUpdatingPlayers) {
            "tarn-hollow: cannot be downloaded: HTTP response code said error (HTTP 404)"}));
   publishRawManifest(s.server, bad, signHex(bad, TH_DEV_RSA_PRIVATE_KEY));
   expectVerify(nginx.url(), {"the manifest is refused: manifest_signature_verify_failed"});
-  // The damaged data/levels/one.dat, listed unchanged by the served manifest, is copied afresh.
-  ASSERT_EQ(runProcess(s.args("1.4.0")).exitCode, 0);
+  // The damaged data/levels/one.dat, listed unchanged by the served manifest, is copied afresh. A
+  // launcher other than the package's is named.
+  writeBytes(s.release / "tarn-hollow-launcher", built + "\n");
+  const ProcessResult other = runProcess(s.args("1.4.0", package));
+  ASSERT_EQ(other.exitCode, 0) << other.err;
+  EXPECT_PRED_FORMAT2(IsSubstring,
+                      "warning: tarn-hollow-launcher: the release's has SHA-256 " +
+                          sha256Hex(built + "\n") + ", the one in the package " + package[1] + " " +
+                          sha256Hex(built) +
+                          ": every new player's launcher would update itself and restart on its "
+                          "first start (publish the launcher of the build that made the package)\n",
+                      other.err);
   expectVerify(nginx.url(), {});
 }
 
@@ -220,11 +245,14 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   writeBytes(s.notes, "beep\x07");
   s.server = s.release / "srv";
   // The refusal names the options' problems first, then the release's entries by path.
-  Args problems{
-      "--version '1..2' is not a dotted",        "--minimum-online-version '1.2147483648' is",
-      "--protocol-version '-1' is not a whole",  "--channel 'a/b' must be letters",
-      "--platform '..' must be letters",         "release notes hold a control character",
-      "the server root lies inside the release", "not a PEM private key"};
+  Args problems{"release notes hold a control character",
+                "--version '1..2' is not a dotted",
+                "--minimum-online-version '1.2147483648' is",
+                "--protocol-version '-1' is not a whole",
+                "--channel 'a/b' must be letters",
+                "--platform '..' must be letters",
+                "the server root lies inside the release",
+                "not a PEM private key"};
   const Args entries{
       ".tarnhollow-update: would displace the updater's", "100%.txt: characters the launcher",
       "bin/tarn-hollow-launcher: the launcher takes any", "broken: cannot be read (broken",
@@ -233,12 +261,14 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
       "data/update_public_key.pem: the launcher refuses", "data/update_server.txt: each player's",
       "esc\\x1b[2J\\x9bape: characters the launcher",     "pipe: not a regular file",
       "save: would displace the folder of the player's",  "tarn-hollow-update-helper/readme: lies"};
+  problems.push_back("notes: tar finds no tarn-hollow-launcher in the top folder");
   problems.insert(problems.end(), entries.begin(), entries.end());
-  s.expectRefused(s.args("1..2",
-                         {"--notes", s.notes, "--minimum-online-version", "1.2147483648",
-                          "--protocol-version", "-1", "--channel", "a/b", "--platform", ".."},
-                         TH_DEV_PUBLIC_KEY),
-                  problems);
+  s.expectRefused(
+      s.args("1..2",
+             {"--notes", s.notes, "--minimum-online-version", "1.2147483648", "--protocol-version",
+              "-1", "--channel", "a/b", "--platform", "..", "--package", s.notes},
+             TH_DEV_PUBLIC_KEY),
+      problems);
 
   // A file the tool may not read (root without its override) is named; nothing is published.
   Studio unreadable;
@@ -497,9 +527,10 @@ TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
 // publishing the kept files of the one before under a higher version, signed afresh.
 TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
   Studio s;
-  s.expectRefused(s.next("0.16.99"), {"--version '0.16.99' is below 0.16.117, the version of an"});
-  const Args first = s.next("1.0.1");
-  fs::permissions(s.release / "tarn-hollow", fs::perms(0755));  // kept with its executable flag
+  s.expectRefused(s.next("0.16.99", {"--slowest-link", "0.2"}),
+                  {"--version '0.16.99' is below 0.16.117, the version of an", kTooSlow});
+  const Args first = s.next("1.0.1", {"--slowest-link", "0.3"});  // the link the refusal names
+  fs::permissions(s.release / "tarn-hollow", fs::perms(0755));    // kept with its executable flag
   ASSERT_EQ(runProcess(first).exitCode, 0);
   NginxServer nginx(s.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
@@ -510,6 +541,9 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
   s.next("1.1.0");
   fs::permissions(s.release / "data" / "world.pak", fs::perms(0755));
   writeBytes(s.scratch / "short", kNotes.substr(0, 79));
+  writeBytes(s.scratch / "game" / "top" / "tarn-hollow-launcher", "launcher");
+  const fs::path package = s.scratch / "game.tar.gz";
+  runProcess({"/usr/bin/tar", "-czf", package, "-C", s.scratch / "game", "top"});
   const struct {
     std::string version;
     Args extra;
@@ -549,9 +583,10 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
        {"channel", "locked"}},
       {"1.1.0", {}, 1, {"--version '1.1.0' is not above the served release 1.1.0"}, {}},
       {"1.1.1",
-       {"--notes", s.notes},
+       {"--notes", s.notes, "--package", package},
        0,
-       {"no file differs from the served release 1.1.0: launchers on it install nothing"},
+       {"no file differs from the served release 1.1.0: launchers on it install nothing",
+        "--package: the release holds no tarn-hollow-launcher at its top, so every launcher stays"},
        {"flag", "release notes"}},
   };
   for (const auto& row : table) {
@@ -618,7 +653,40 @@ TEST(Publish, TrapsAreNamedAndRevertBringsEveryPlayerBack) {
     EXPECT_EQ(readBytes(player / "tarn-hollow"), readBytes(s.scratch / "1.0.1" / "tarn-hollow"));
     EXPECT_EQ(fileMode(player / "tarn-hollow"), 0755u);
   }
-  expectVerify(nginx.url(), {});
+  EXPECT_PRED_FORMAT2(IsSubstring, "tarn-hollow-publish: warning: " + kTooSlow + "\n",
+                      expectVerify(nginx.url(), {}, {"--slowest-link", "0.2"}));
+}
+
+// A file that needs longer than the launcher's 180 s per request on a player's link never
+// installs; told that link, release refuses it, and its parts install. The client runs under
+// Debian's libfaketime at twenty times the clock's speed, CLOCK_MONOTONIC (which libcurl times
+// with) included, so that libcurl's 180 s pass in 9 real ones and the test takes half a minute,
+// not four: nginx's 256 KiB/s is then a link of 0.105 Mbit/s, on which the 4 MiB file needs 16
+// real seconds and each 1 MiB part 4, room enough either way on a loaded machine.
+TEST(Publish, AFileTooLargeForThePlayersLinkInstallsOnceSplit) {
+  Studio s;
+  const fs::path data = s.release / "data", game = s.scratch / "game";
+  writeBytes(data / "world.pak", std::string(4 << 20, 'w'));
+  ASSERT_EQ(runProcess(s.args("1.0.0")).exitCode, 0);  // the default link fetches it in time
+  NginxServer nginx(s.server, "limit_rate 256k;");
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  prepareInstall(game, nginx.url());
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  const ProcessOptions fast{
+      {{"LD_PRELOAD", "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"},
+       {"FAKETIME", "+0 x20"},
+       {"ASAN_OPTIONS", std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0"}},
+      {}};
+  const Args client{TH_UPDATE_CLIENT, game, nginx.url()};
+  EXPECT_EQ(runProcess(client, fast).out, "Timeout was reached\n");  // libcurl's, at 180 s
+  const Args slowest{"--slowest-link", "0.1"};
+  expectReport(runProcess(s.args("1.0.1", slowest)).err, kRefused,
+               {"data/world.pak: 4.0 MiB needs 336 s at 0.1 Mbit/s, more than the 120 s"});
+  fs::remove(data / "world.pak");
+  for (const char* part : {"1", "2", "3", "4"})
+    writeBytes(data / (std::string("world.pak.") + part), std::string(1 << 20, *part));
+  ASSERT_EQ(runProcess(s.args("1.0.1", slowest)).exitCode, 0);
+  EXPECT_EQ(runProcess(client, fast).out, "1.0.1\n");
 }
 
 // Misuse exits with 2 naming the problem before the usage; help and version go to standard output;
@@ -645,6 +713,7 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
       {common + " --keep=abc", 2, "--keep 'abc' is not a whole number from 1 to 2147483647"},
       {common + " --keep 0", 2, "--keep '0' is not a whole number"},
       {"revert --to 1.0.0", 2, "missing --as"},
+      {"verify --url u --slowest-link 0.0", 2, "--slowest-link '0.0' is not a speed"},
       {"keygen --out k --unencrypted --passphrase-env P", 2, "--unencrypted"},
       {"keygen --out=k --passphrase-file f --passphrase-env P", 2, "give"},
       {"keygen --out k --rsa", 2, "--rsa is for a key in a token"},
@@ -737,7 +806,8 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
 
 // Release N+1 live within N's second, a changed file the same size: behind the shipped settings
 // the edge, which revalidates by size and time, must not keep N's bytes. Then what verify makes of
-// each set of caching headers a shared cache may meet, each under a folder of its own.
+// each set of caching headers a shared cache may meet, each under a folder of its own, and of a
+// file too large for the slowest link.
 TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
   Studio s;
   const std::string shipped =
@@ -785,6 +855,7 @@ TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
       if (!table[i].stale.empty()) named.push_back(std::string(name) + ": " + table[i].stale);
     expectVerify(origin.url() + "/" + std::to_string(i), named, {"--strict"});
   }
+  expectVerify(origin.url() + "/0", {kTooSlow}, {"--strict", "--slowest-link", "0.2"});
 }
 
 }  // namespace

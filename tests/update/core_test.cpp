@@ -1,6 +1,12 @@
 // The engine's pure pieces: versions, safe paths, text files and the manifest parser. Hashing is
-// checked against an independent digest by every test that installs a release.
+// checked against an independent digest by every test that installs a release. And the players'
+// guide against the texts the engine and the job put on the screen.
+#include <curl/curl.h>
 #include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <sstream>
 
 #include "tests/support/system.h"
 #include "update/manifest.h"
@@ -140,6 +146,83 @@ TEST(ParseManifest, ReadsFieldsByTextSearchWithItsQuirksOrRejectsWithTheFirstFai
     EXPECT_EQ(read ? describe(out) : error, row.expected) << text;
     EXPECT_EQ(read ? error : describe(out), read ? "untouched" : before) << text;
   }
+}
+
+namespace fs = std::filesystem;
+
+// The first capture of every match of `pattern` in `text`.
+std::set<std::string> captures(const std::string& text, const std::string& pattern) {
+  std::set<std::string> found;
+  const std::regex expression(pattern);
+  for (std::sregex_iterator at(text.begin(), text.end(), expression), end; at != end; ++at)
+    found.insert((*at)[1]);
+  return found;
+}
+
+// The pieces of a screen text, split where the job joins them with " // ", blanks trimmed.
+std::vector<std::string> pieces(const std::string& text) {
+  std::vector<std::string> found;
+  for (const std::string& piece : captures(text + "//", R"(\s*(.*?)\s*//)"))
+    if (!piece.empty()) found.push_back(piece);
+  return found;
+}
+
+// The quoted string literals of the named product files, by their pieces.
+std::set<std::string> literalPieces(const std::vector<fs::path>& files, bool upperCaseOnly) {
+  std::set<std::string> found;
+  for (const fs::path& file : files)
+    for (const std::string& literal : captures(readBytes(file), R"re("([^"\n]*)")re"))
+      for (const std::string& piece : pieces(literal))
+        if (!upperCaseOnly || std::regex_match(piece, std::regex("[^a-z]*[A-Z][^a-z]*")))
+          found.insert(piece);
+  return found;
+}
+
+std::vector<fs::path> filesIn(const std::string& folder, const std::string& extension) {
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(fs::path(TH_SOURCE_DIR) / folder, error))
+    if (entry.path().extension() == extension) files.push_back(entry.path());
+  return files;
+}
+
+// Every code the engine gives its callers and every piece of a status or detail line the job
+// shows (the job's "STARTING..." is replaced before the first frame) has a row in the players'
+// guide; every piece the guide quotes there is one of those, a launcher text or libcurl's own.
+TEST(PlayersGuide, HasARowForEveryTextOnTheScreenAndQuotesOnlyRealOnes) {
+  std::string codeText;
+  for (const fs::path& file : filesIn("update", ".cpp")) codeText += readBytes(file);
+  const std::set<std::string> codes =
+      captures(codeText, R"re((?:error = |fail\(error, )"([a-z0-9_]+:?)")re");
+  const fs::path launcher = fs::path(TH_SOURCE_DIR) / "launcher";
+  const std::set<std::string> shown = literalPieces(
+      {launcher / "update_job.h", launcher / "helper_handoff.h", launcher / "input.h"}, true);
+  const std::set<std::string> launcherTexts = literalPieces(filesIn("launcher", ".h"), false);
+  std::set<std::string> curlTexts;
+  for (int code = CURLE_OK; code < CURL_LAST; ++code)
+    curlTexts.insert(curl_easy_strerror(static_cast<CURLcode>(code)));
+  // A scan that finds little has lost its patterns, and would pass whatever the guide says.
+  ASSERT_GE(codes.size(), 20u);
+  ASSERT_GE(shown.size(), 20u);
+
+  const std::string guide = readBytes(fs::path(TH_SOURCE_DIR) / "docs" / "PLAYERS.md");
+  const std::size_t table = guide.find("\n## What the screen says");
+  ASSERT_NE(table, std::string::npos);
+  std::istringstream rows(guide.substr(table, guide.find("\n## ", table + 1) - table));
+  std::set<std::string> quoted;
+  for (std::string row; std::getline(rows, row);) {
+    if (!row.starts_with("| ")) continue;
+    const std::string firstCell = row.substr(0, row.find(" |", 1));
+    for (const std::string& item : captures(firstCell, "`([^`]+)`"))
+      for (const std::string& piece : pieces(std::regex_replace(item, std::regex("<[^>]*>"), "")))
+        quoted.insert(piece);
+  }
+  for (const std::string& piece : quoted)
+    EXPECT_TRUE(codes.contains(piece) || launcherTexts.contains(piece) || curlTexts.contains(piece))
+        << "the guide quotes \"" << piece << "\", which nothing shows";
+  for (const std::set<std::string>* texts : {&codes, &shown})
+    for (const std::string& text : *texts)
+      EXPECT_TRUE(quoted.contains(text)) << "no row in docs/PLAYERS.md for \"" << text << "\"";
 }
 
 }  // namespace

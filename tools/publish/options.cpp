@@ -24,7 +24,8 @@ Grammar withKeyOptions(Grammar own) {
 }
 
 Grammar publishingGrammar(Grammar own) {
-  own.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep"});
+  own.valued.insert(
+      {"--key", "--server-root", "--channel", "--platform", "--notes", "--keep", "--slowest-link"});
   own.flags.insert({"--mandatory", "--no-wait"});
   own.required.insert({"--server-root"});
   return withKeyOptions(own);
@@ -33,12 +34,15 @@ Grammar publishingGrammar(Grammar own) {
 const Grammar& grammarOf(const std::string& command) {
   static const std::map<std::string, Grammar> kGrammars = {
       {"keygen", withKeyOptions({{"--out"}, {"--unencrypted", "--rsa"}, {"--out"}})},
-      {"release",
-       publishingGrammar({{"--from", "--version", "--minimum-online-version", "--protocol-version"},
-                          {"--force-below-fresh-install"},
-                          {"--from", "--version"}})},
+      {"release", publishingGrammar({{"--from", "--version", "--minimum-online-version",
+                                      "--protocol-version", "--package"},
+                                     {"--force-below-fresh-install"},
+                                     {"--from", "--version"}})},
       {"revert", publishingGrammar({{"--to", "--as"}, {}, {"--to", "--as"}})},
-      {"verify", {{"--url", "--channel", "--platform", "--public-key"}, {"--strict"}, {"--url"}}},
+      {"verify",
+       {{"--url", "--channel", "--platform", "--public-key", "--slowest-link"},
+        {"--strict"},
+        {"--url"}}},
   };
   return kGrammars.at(command);
 }
@@ -145,6 +149,23 @@ bool takeKeyOptions(const Values& values, SigningKeyOptions& key, std::string& e
   return error.empty();
 }
 
+// A speed in megabits per second: digits, with one '.' among them at most, above zero.
+bool takeLink(const Values& values, double& mbit, std::string& error) {
+  const auto found = values.find("--slowest-link");
+  if (found == values.end()) return true;
+  const std::string& text = found->second;
+  const char* const end = text.data() + text.size();
+  const bool decimal = text.find_first_not_of("0123456789.") == std::string::npos &&
+                       std::count(text.begin(), text.end(), '.') <= 1;
+  double value = 0;
+  if (!decimal || std::from_chars(text.data(), end, value).ptr != end || !(value > 0)) {
+    error = "--slowest-link '" + text + "' is not a speed in Mbit/s above 0, like 10 or 2.5";
+    return false;
+  }
+  mbit = value;
+  return true;
+}
+
 bool wholeNumberFromOne(const std::string& digits) {
   int value = 0;
   const char* end = digits.data() + digits.size();
@@ -156,7 +177,8 @@ bool wholeNumberFromOne(const std::string& digits) {
 bool parsePublishing(const std::vector<std::string>& args, const std::string& command,
                      Values& values, ReleaseOptions& options, std::string& error) {
   if (!parseWords(args, grammarOf(command), values, error) ||
-      !takeKeyOptions(values, options.key, error)) {
+      !takeKeyOptions(values, options.key, error) ||
+      !takeLink(values, options.slowestLinkMbit, error)) {
     return false;
   }
   take(values, "--server-root", options.serverRoot);
@@ -217,6 +239,7 @@ bool parseReleaseOptions(const std::vector<std::string>& args, ReleaseOptions& o
   take(values, "--version", options.version);
   take(values, "--minimum-online-version", options.minimumOnlineVersion);
   take(values, "--protocol-version", options.protocolVersion);
+  take(values, "--package", options.package);
   options.belowFreshInstall = values.count("--force-below-fresh-install") > 0;
   return true;
 }
@@ -233,7 +256,10 @@ bool parseRevertOptions(const std::vector<std::string>& args, ReleaseOptions& op
 bool parseVerifyOptions(const std::vector<std::string>& args, VerifyOptions& options,
                         std::string& error) {
   Values values;
-  if (!parseWords(args, grammarOf("verify"), values, error)) return false;
+  if (!parseWords(args, grammarOf("verify"), values, error) ||
+      !takeLink(values, options.slowestLinkMbit, error)) {
+    return false;
+  }
   take(values, "--url", options.url);
   take(values, "--channel", options.channel);
   take(values, "--platform", options.platform);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/publish/keys/passphrase.h"
+#include "tools/publish/release/transfer_limit.h"
 
 namespace th::publish {
 
@@ -41,7 +42,8 @@ struct ReleaseOptions {
   std::filesystem::path serverRoot;
   std::string channel = "stable";
   std::string platform = "linux";
-  std::filesystem::path notes;  // empty: no release notes
+  std::filesystem::path notes;    // empty: no release notes
+  std::filesystem::path package;  // the game package new players install; empty: not compared
   bool mandatory = false;
   bool belowFreshInstall = false;  // a version below what an install without a marker counts as
   std::string revertTo;            // revert: the kept release whose files are published again
@@ -50,6 +52,7 @@ struct ReleaseOptions {
   std::string keep = "3";             // releases kept on the server, the current one included;
                                       // a whole number from 1, checked when parsed
   bool wait = true;                   // for another release of the channel and platform to finish
+  double slowestLinkMbit = kDefaultSlowestLinkMbit;  // every file must reach players on it
 };
 
 struct VerifyOptions {
@@ -57,7 +60,9 @@ struct VerifyOptions {
   std::string channel = "stable";
   std::string platform = "linux";
   std::filesystem::path publicKey;  // empty: the key built into the tool
-  bool strict = false;              // caching that lets a shared cache serve stale fails
+  bool strict = false;  // caching that lets a shared cache serve stale fails, as do files too
+                        // large for the slowest link
+  double slowestLinkMbit = kDefaultSlowestLinkMbit;
 };
 
 // `args` are the words after the command name. On failure `error` says what is wrong.

@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include "tools/publish/release/transfer_limit.h"
+
 namespace th::publish {
 namespace {
 
@@ -23,6 +25,19 @@ const std::string kToken =
     "  --pin-env NAME           read it from the environment variable NAME\n"
     "                           (neither: asked for on the terminal; never an argument)\n";
 
+// The link every file must reach players on; `verdict` is what becomes of a file too large.
+std::string slowestLink(const std::string& verdict) {
+  return "  --slowest-link MBIT      the slowest link players are supported on, in Mbit/s "
+         "(default " +
+         std::to_string(static_cast<int>(kDefaultSlowestLinkMbit)) +
+         ");\n"
+         "                           launchers give up on a request after " +
+         std::to_string(update::kRequestTimeoutSeconds) +
+         " s and start the file over,\n"
+         "                           so a file that link cannot fetch in " +
+         std::to_string(kTransferBudgetSeconds) + " s " + verdict + "\n";
+}
+
 const std::string kPublishing =
     "  --key PRIVATE.pem        the signing key; its public half must be the key this build pins\n"
     "                           (or a key in a token, the same so: --pkcs11-module and on)\n"
@@ -37,7 +52,7 @@ const std::string kPublishing =
     "                           channel and platform is being published\n"
     "  --channel NAME           default stable, the only channel launchers ask for\n"
     "  --platform NAME          default linux, the only platform launchers ask for\n" +
-    kPassphrase + kToken;
+    slowestLink("is refused") + kPassphrase + kToken;
 
 const std::map<std::string, Command>& commands() {
   static const std::map<std::string, Command> kCommands = {
@@ -59,7 +74,7 @@ const std::map<std::string, Command>& commands() {
         "    --server-root ROOT [--notes FILE] [--mandatory] [--minimum-online-version V]\n"
         "    [--keep 3] [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
         "    [--channel stable] [--platform linux] [--protocol-version N]\n"
-        "    [--force-below-fresh-install]\n"
+        "    [--force-below-fresh-install] [--package GAME.tar.gz] [--slowest-link 10]\n"
         "  with a key in a token instead of --key and its passphrase:\n"
         "    --pkcs11-module LIB --token LABEL --key-label LABEL\n"
         "    [--pin-file FILE | --pin-env NAME]\n",
@@ -73,12 +88,15 @@ const std::map<std::string, Command>& commands() {
             "                           launchers do not act on it\n"
             "  --force-below-fresh-install  allow a version below 0.16.117, what an install\n"
             "                           without a version marker counts as: no new player would\n"
-            "                           ever install it\n"}},
+            "                           ever install it\n"
+            "  --package GAME.tar.gz    the game package new players install: warn when its\n"
+            "                           launcher is not the release's (each new player's first\n"
+            "                           start would update it and restart)\n"}},
       {"revert",
        {"tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
         "    --server-root ROOT [--notes FILE] [--mandatory] [--keep 3] [--no-wait]\n"
         "    [--passphrase-file FILE | --passphrase-env NAME] [--channel stable]\n"
-        "    [--platform linux]\n"
+        "    [--platform linux] [--slowest-link 10]\n"
         "  with a key in a token instead of --key and its passphrase:\n"
         "    --pkcs11-module LIB --token LABEL --key-label LABEL\n"
         "    [--pin-file FILE | --pin-env NAME]\n",
@@ -90,15 +108,17 @@ const std::map<std::string, Command>& commands() {
             kPublishing}},
       {"verify",
        {"tarn-hollow-publish verify --url URL [--strict] [--public-key FILE]\n"
-        "    [--channel stable] [--platform linux]\n",
+        "    [--channel stable] [--platform linux] [--slowest-link 10]\n",
         "Checks a served release as players' launchers see it: signature, manifest, every file.\n"
         "  --url URL                the update server's address, as in data/update_server.txt\n"
         "  --strict                 also fail on what keeps players from the release: caching a\n"
-        "                           shared cache may serve stale, a release that locks PLAY\n"
+        "                           shared cache may serve stale, a release that locks PLAY, a\n"
+        "                           file too large for the slowest link\n"
         "  --public-key FILE        the key to check with, when this build has none built in; it\n"
         "                           must be the key this build pins\n"
         "  --channel NAME           default stable\n"
-        "  --platform NAME          default linux\n"}},
+        "  --platform NAME          default linux\n" +
+            slowestLink("is named; with --strict it fails")}},
   };
   return kCommands;
 }

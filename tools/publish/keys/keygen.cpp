@@ -26,9 +26,14 @@ struct KeyFile {
   mode_t mode;
 };
 
+// Appended piece by piece: prepending "." to a temporary string made GCC 12 warn (-Wrestrict)
+// about an overlapping copy inside std::string's insert at -O2, a false positive.
 fs::path temporaryName(const fs::path& place) {
-  return place.parent_path() /
-         ("." + place.filename().string() + ".new-" + std::to_string(::getpid()));
+  std::string name = ".";
+  name += place.filename().string();
+  name += ".new-";
+  name += std::to_string(::getpid());
+  return place.parent_path() / name;
 }
 
 // Created with its final mode, so the private key is never readable by others, not even briefly.

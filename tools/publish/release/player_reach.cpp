@@ -35,9 +35,9 @@ void checkAboveFreshInstall(const ReleaseOptions& options, std::vector<std::stri
                                           std::string(kDefaultInstalledVersion) + " or above)"));
 }
 
-void checkAboveServed(const ReleaseOptions& options, const ReleaseStore& store,
+void checkAboveServed(const ReleaseOptions& options, const ServedRelease& release,
                       std::vector<std::string>& problems) {
-  const std::string& served = store.servedVersion();
+  const std::string& served = release.version;
   if (served.empty() || update::compareVersion(options.version, served) > 0) return;
   if (!options.revertTo.empty()) {
     problems.push_back("--as '" + options.version + "' is not above the served release " + served +
@@ -91,10 +91,10 @@ void warnUnseen(const ReleaseOptions& options, const std::string& notes,
   }
 }
 
-void warnFlagOnlyChanges(const update::Manifest& manifest, const ReleaseStore& store,
+void warnFlagOnlyChanges(const update::Manifest& manifest, const ServedRelease& release,
                          std::vector<std::string>& warnings) {
   for (const update::ManifestFile& file : manifest.files) {
-    const update::ManifestFile* served = store.servedEntry(file.path);
+    const update::ManifestFile* served = release.entry(file.path);
     if (served == nullptr || served->sha256 != file.sha256 ||
         served->executable == file.executable) {
       continue;
@@ -106,17 +106,35 @@ void warnFlagOnlyChanges(const update::Manifest& manifest, const ReleaseStore& s
   }
 }
 
-void warnNothingToInstall(const update::Manifest& manifest, const ReleaseStore& store,
+void warnNothingToInstall(const update::Manifest& manifest, const ServedRelease& release,
                           std::vector<std::string>& warnings) {
-  if (store.servedVersion().empty()) return;
+  if (release.version.empty()) return;
   for (const update::ManifestFile& file : manifest.files) {
-    const update::ManifestFile* served = store.servedEntry(file.path);
+    const update::ManifestFile* served = release.entry(file.path);
     if (served == nullptr || served->sha256 != file.sha256) return;
   }
-  warnings.push_back("no file differs from the served release " + store.servedVersion() +
+  warnings.push_back("no file differs from the served release " + release.version +
                      ": launchers on it install nothing and keep their version marker, so they "
                      "say VERSION MARKER UPDATE FAILED at every start until a release changes a "
                      "file (change or add one)");
+}
+
+void warnPackagedLauncher(const update::Manifest& manifest, const std::filesystem::path& package,
+                          const std::string& packagedDigest, std::vector<std::string>& warnings) {
+  if (package.empty()) return;
+  const std::string launcher = update::launcherBinaryName();
+  for (const update::ManifestFile& file : manifest.files) {
+    if (file.path != launcher) continue;
+    if (file.sha256 == packagedDigest) return;
+    warnings.push_back(launcher + ": the release's has SHA-256 " + file.sha256 +
+                       ", the one in the package " + package.string() + " " + packagedDigest +
+                       ": every new player's launcher would update itself and restart on its "
+                       "first start (publish the launcher of the build that made the package)");
+    return;
+  }
+  warnings.push_back("--package: the release holds no " + launcher +
+                     " at its top, so every launcher stays as it is, the package's for new "
+                     "players");
 }
 
 }  // namespace th::publish

@@ -2,11 +2,12 @@
 // Releases that publish cleanly yet never reach the players they are meant for, because of how
 // every launcher reads what is served: refused, or said as warnings.
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "tools/publish/options.h"
-#include "tools/publish/release/release_store.h"
+#include "tools/publish/release/served_release.h"
 #include "update/manifest.h"
 
 namespace th::publish {
@@ -19,7 +20,7 @@ void checkAboveFreshInstall(const ReleaseOptions& options, std::vector<std::stri
 // Launchers never install a version below the one installed, and two releases of one version
 // cannot be told apart: a release must be above the served one. Refused, naming revert as the way
 // back to earlier files.
-void checkAboveServed(const ReleaseOptions& options, const ReleaseStore& store,
+void checkAboveServed(const ReleaseOptions& options, const ServedRelease& served,
                       std::vector<std::string>& problems);
 
 // A minimum online version above the release's own: its players stay below the minimum after
@@ -35,13 +36,18 @@ void warnUnseen(const ReleaseOptions& options, const std::string& notes,
 
 // Launchers compare digests only: a file whose bytes are those served but whose executable flag
 // is not keeps, on every install that has it, the flag it had.
-void warnFlagOnlyChanges(const update::Manifest& manifest, const ReleaseStore& store,
+void warnFlagOnlyChanges(const update::Manifest& manifest, const ServedRelease& served,
                          std::vector<std::string>& warnings);
 
 // A launcher on the served release that finds every file current installs nothing and keeps its
 // version marker, so it reports the marker as not updated at every start: a release must change
 // at least one file against the one it replaces.
-void warnNothingToInstall(const update::Manifest& manifest, const ReleaseStore& store,
+void warnNothingToInstall(const update::Manifest& manifest, const ServedRelease& served,
                           std::vector<std::string>& warnings);
+
+// New players start with the game package's launcher: a release whose launcher differs has each
+// of them update it and restart on their first start. Said only when a package is named.
+void warnPackagedLauncher(const update::Manifest& manifest, const std::filesystem::path& package,
+                          const std::string& packagedDigest, std::vector<std::string>& warnings);
 
 }  // namespace th::publish

@@ -12,12 +12,15 @@
 #include "tools/publish/keys/keys.h"
 #include "tools/publish/keys/signer.h"
 #include "tools/publish/progress.h"
+#include "tools/publish/release/guard_rails.h"
 #include "tools/publish/release/manifest_json.h"
+#include "tools/publish/release/package_launcher.h"
 #include "tools/publish/release/player_reach.h"
 #include "tools/publish/release/release_copy.h"
 #include "tools/publish/release/release_scan.h"
 #include "tools/publish/release/release_store.h"
 #include "tools/publish/release/revert_release.h"
+#include "tools/publish/release/transfer_limit.h"
 #include "update/manifest.h"
 #include "update/pinned_key.h"
 #include "update/platform.h"
@@ -30,80 +33,19 @@ namespace {
 
 using Problems = std::vector<std::string>;
 
-bool smallNumber(std::string_view digits) {
-  int value = 0;
-  const auto [end, result] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-  return !digits.empty() && result == std::errc() && end == digits.data() + digits.size() &&
-         std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; });
+// Read before the lock is waited for, so that a package that cannot be read is refused at once.
+std::string readPackagedLauncher(const ReleaseOptions& options, Problems& problems) {
+  std::string digest, error;
+  if (!options.package.empty() && !packagedLauncherDigest(options.package, digest, error)) {
+    problems.push_back(error);
+  }
+  return digest;
 }
 
-// Digits separated by single dots, each part small enough that the launcher orders it right.
-bool dottedNumber(std::string_view text) {
-  for (size_t start = 0;;) {
-    const size_t dot = text.find('.', start);
-    if (!smallNumber(text.substr(start, dot - start))) return false;
-    if (dot == std::string_view::npos) return true;
-    start = dot + 1;
-  }
-}
-
-// Channel and platform become folder names on the server and parts of the launcher's URLs; a
-// leading dot is left to the server's own folders (the stored releases).
-bool plainName(const std::string& name) {
-  return !name.empty() && name.front() != '.' && std::all_of(name.begin(), name.end(), [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
-  });
-}
-
-bool serverRootInsideRelease(const ReleaseOptions& options) {
-  std::error_code error;
-  const fs::path root = fs::weakly_canonical(options.serverRoot, error);
-  const fs::path release = fs::weakly_canonical(options.from, error);
-  return isWithin(root, release);
-}
-
-// Reads `file` whole into `text`; empty on success, else why it cannot be read.
-std::string unreadableFile(const fs::path& file, std::string& text) {
-  std::error_code error;
-  if (fs::is_directory(file, error)) return "a folder, not a file";
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return std::strerror(errno);
-  text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return in.bad() ? std::strerror(errno) : "";
-}
-
-void checkValues(const ReleaseOptions& options, std::string& notes, Problems& problems) {
-  if (!dottedNumber(options.version)) {
-    const std::string option = options.revertTo.empty() ? "--version" : "--as";
-    problems.push_back(option + " '" + options.version + "' is not a dotted number like 1.4.2");
-  }
-  if (!options.minimumOnlineVersion.empty() && !dottedNumber(options.minimumOnlineVersion)) {
-    problems.push_back("--minimum-online-version '" + options.minimumOnlineVersion +
-                       "' is not a dotted number like 1.4.0");
-  }
-  if (!smallNumber(options.protocolVersion)) {
-    problems.push_back("--protocol-version '" + options.protocolVersion +
-                       "' is not a whole number from 0 to 2147483647");
-  }
-  for (const auto& [option, name] :
-       {std::pair{"--channel", options.channel}, std::pair{"--platform", options.platform}}) {
-    if (!plainName(name)) {
-      problems.push_back(std::string(option) + " '" + name +
-                         "' must be letters, digits, '.', '_' or '-', not starting with '.'");
-    }
-  }
-  if (!options.notes.empty()) {
-    if (const std::string why = unreadableFile(options.notes, notes); !why.empty()) {
-      problems.push_back(options.notes.string() + ": release notes file cannot be read: " + why);
-    } else if (needsUnicodeEscape(notes)) {
-      problems.push_back(options.notes.string() +
-                         ": release notes hold a control character other than tab or line end,"
-                         " which the launcher cannot read");
-    }
-  }
-  if (serverRootInsideRelease(options)) {
-    problems.push_back(options.serverRoot.string() + ": the server root lies inside the release");
-  }
+std::vector<update::ManifestFile> sizesOf(const std::vector<ReleaseFile>& files) {
+  std::vector<update::ManifestFile> sized;
+  for (const ReleaseFile& file : files) sized.push_back({file.path, {}, file.size, false});
+  return sized;
 }
 
 using SigningKey = std::unique_ptr<Signer>;
@@ -276,18 +218,19 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   std::string notes;
   SigningKey signing;
   std::vector<ReleaseFile> files;
-  checkValues(options, notes, problems);
-  if (reverting) notes = revertNotes(options, options.notes.empty() ? kept.releaseNotes : notes);
-  checkAboveFreshInstall(options, problems);
-  checkNoLockOut(options, problems);
-  warnUnseen(options, notes, summary.warnings);
-  checkKey(options.key, signing, problems, summary.warnings);
+  Problems entries;  // named after the options' problems
   const ReleaseTree tree(options.from);
-  scanRelease(tree.path(), files, problems);
+  scanRelease(tree.path(), files, entries);
+  readNotes(options, notes, problems);
+  if (reverting) notes = revertNotes(options, options.notes.empty() ? kept.releaseNotes : notes);
+  judgeRelease(options, notes, sizesOf(files), problems, summary.warnings);
+  checkKey(options.key, signing, problems, summary.warnings);
+  const std::string packagedLauncher = readPackagedLauncher(options, problems);
+  problems.insert(problems.end(), entries.begin(), entries.end());
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
     return false;
   }
-  checkAboveServed(options, store, problems);
+  checkAboveServed(options, store.servedRelease(), problems);
   if (!problems.empty() || !store.create(options.version, problems)) return false;
   update::Manifest manifest = manifestHeader(options, notes);
   fillRelease(tree, files, store, manifest, summary.linked, problems);
@@ -295,11 +238,12 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
     matchKeptRelease(options, kept, manifest, problems);
     addRevertNotes(options, notes, store, manifest, problems);
   }
-  warnNothingToInstall(manifest, store, summary.warnings);
+  warnNothingToInstall(manifest, store.servedRelease(), summary.warnings);
+  warnPackagedLauncher(manifest, options.package, packagedLauncher, summary.warnings);
   if (!problems.empty() || !signAndSwapIn(signing, store, manifest, problems)) {
     return false;
   }
-  warnFlagOnlyChanges(manifest, store, summary.warnings);
+  warnFlagOnlyChanges(manifest, store.servedRelease(), summary.warnings);
   summary.pruned = store.prune(std::stoul(options.keep));
   summary.channelFolder = store.served();
   summary.files = manifest.files.size();

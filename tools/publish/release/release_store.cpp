@@ -117,8 +117,7 @@ bool ReleaseStore::inspect(Problems& problems) {
   std::string unreadable;
   if (update::parseManifest(update::readTextFile(served_ / "manifest.json"), manifest,
                             unreadable)) {
-    for (update::ManifestFile& file : manifest.files) servedFiles_.emplace(file.path, file);
-    servedVersion_ = manifest.version;
+    servedRelease_.take(manifest);
   }
   return true;
 }
@@ -197,11 +196,6 @@ bool ReleaseStore::create(const std::string& version, Problems& problems) {
   }
   folder_ = folder;
   return true;
-}
-
-const update::ManifestFile* ReleaseStore::servedEntry(const std::string& path) const {
-  const auto found = servedFiles_.find(path);
-  return found == servedFiles_.end() ? nullptr : &found->second;
 }
 
 fs::path ReleaseStore::servedFile(const std::string& path) const {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/publish/release/served_release.h"
 #include "update/file_descriptor.h"
 #include "update/manifest.h"
 
@@ -47,10 +48,14 @@ class ReleaseStore {
   // Creates the new release's folder, next in sequence; needs the lock.
   bool create(const std::string& version, std::vector<std::string>& problems);
 
+  // What is served now, as inspect found it.
+  const ServedRelease& servedRelease() const { return servedRelease_; }
   // The served release's file at `path`, where its manifest lists one; null otherwise.
-  const update::ManifestFile* servedEntry(const std::string& path) const;
+  const update::ManifestFile* servedEntry(const std::string& path) const {
+    return servedRelease_.entry(path);
+  }
   // The version the served manifest names; empty when none can be read.
-  const std::string& servedVersion() const { return servedVersion_; }
+  const std::string& servedVersion() const { return servedRelease_.version; }
   // The newest finished release folder whose manifest names `version`, and that manifest; false
   // when no such release is kept.
   bool findKept(const std::string& version, std::filesystem::path& folder,
@@ -78,8 +83,7 @@ class ReleaseStore {
   std::filesystem::path channel_, served_, releases_, folder_, link_;
   bool takeOver_ = false;
   std::string takenOverName_;
-  std::map<std::string, update::ManifestFile> servedFiles_;
-  std::string servedVersion_;
+  ServedRelease servedRelease_;
   std::vector<std::filesystem::path> created_;
   bool current_ = false;
   std::optional<update::FileDescriptor> lock_;  // released last, after the clean-up

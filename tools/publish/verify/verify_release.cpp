@@ -9,6 +9,7 @@
 #include "tools/publish/build_variant.h"
 #include "tools/publish/progress.h"
 #include "tools/publish/release/player_reach.h"
+#include "tools/publish/release/transfer_limit.h"
 #include "tools/publish/verify/cache_headers.h"
 #include "tools/publish/verify/served_headers.h"
 #include "update/http.h"
@@ -70,7 +71,7 @@ void noteCaching(const std::string& name, const std::string& url,
   ResponseHeaders headers;
   std::string error;
   if (!fetchResponseHeaders(url, headers, error)) {
-    warnings.push_back(name + ": its headers cannot be fetched: " + error);
+    warnings.push_back(name + ": its headers cannot be fetched: " + withHttpStatus(url, error));
     return;
   }
   if (const std::string why = staleCaching(headers, std::time(nullptr)); !why.empty()) {
@@ -167,6 +168,8 @@ bool verifyRelease(const VerifyOptions& options, VerifySummary& summary, Problem
       !lockOut.empty()) {
     summary.warnings.push_back("manifest.json: " + lockOut);
   }
+  const Problems tooLarge = overTransferLimit(manifest.files, options.slowestLinkMbit);
+  summary.warnings.insert(summary.warnings.end(), tooLarge.begin(), tooLarge.end());
   for (const update::ManifestFile& file : manifest.files) summary.bytes += file.size;
   HashProgress progress(stderr, manifest.files.size(), summary.bytes, "checking");
   const std::string filesUrl = update::joinUrl(summary.folderUrl, "files");

@@ -17,8 +17,9 @@ struct VerifySummary {
   std::string version;
   std::size_t files = 0;
   std::uint64_t bytes = 0;
-  // Responses a shared cache may serve stale, one line each naming the header, and what would
-  // keep players from the release (with --strict they are problems instead).
+  // Responses a shared cache may serve stale, one line each naming the header, what would keep
+  // players from the release (a lock-out, a file too large for the slowest link) (with --strict
+  // they are problems instead).
   std::vector<std::string> warnings;
 };
 
@@ -28,8 +29,8 @@ bool checkPublicKeyOption(const VerifyOptions& options, std::vector<std::string>
 
 // True when the manifest verifies against the pinned key, names the asked channel and platform,
 // and every file it lists downloads with its digest and size (and, with --strict, no response
-// may be served stale by a shared cache, nor may the release keep players from it). Otherwise
-// `problems` holds a line for the manifest, or one per bad file.
+// may be served stale by a shared cache, nor may the release keep players from it, and every file
+// fits the slowest link). Otherwise `problems` holds a line for the manifest, or one per bad file.
 bool verifyRelease(const VerifyOptions& options, VerifySummary& summary,
                    std::vector<std::string>& problems);
 
