@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <termios.h>
 
+#include <map>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -82,9 +83,8 @@ struct Studio {
 
   Args args(const std::string& version, const Args& extra = {},
             const std::string& key = TH_DEV_PRIVATE_KEY, const Args& wrapper = {}) const {
-    const Args given({"release", "--from", release, "--version", version, "--key", key,
-                      "--server-root", server});
-    return publishArgs(given + extra, wrapper);
+    const Args given({"release", "--from", release, "--version", version, "--server-root", server});
+    return publishArgs(given + (key.empty() ? Args{} : Args{"--key", key}) + extra, wrapper);
   }
 
   // A release for `version`: its game file, a large shared file, a same-size level of its own.
@@ -350,6 +350,93 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   runProcess({"/usr/bin/openssl", "genpkey", "-algorithm", "ed25519", "-out", ed25519});
   s.expectRefused(s.args("1.1.0", {}, ed25519),
                   {"this key cannot make SHA-256 signatures", "holds no files"});
+}
+
+// Keys in a SoftHSM token made for the test: keygen makes them in the token and prints the
+// fingerprint; the development keys imported into it sign through the token, and a player installs
+// the release; what the token cannot give is refused by name.
+TEST(Token, KeysInATokenSignReleasesThatPlayersInstall) {
+  Studio s;
+  const fs::path conf = s.scratch / "softhsm2.conf", pin = s.scratch / "pin";
+  fs::create_directories(s.scratch / "tokens");
+  writeBytes(conf, "directories.tokendir = " + (s.scratch / "tokens").string() + "\n");
+  writeBytes(pin, "1234\n");
+  writeBytes(s.scratch / "wrong", "4321\n");
+  setenv("SOFTHSM2_CONF", conf.c_str(), 1);
+  setenv("TH_TEST_PIN", "1234", 1);
+  const std::string util = "/usr/bin/softhsm2-util";
+  ASSERT_EQ(runProcess(words(util + " --init-token --free --label studio --so-pin 5678 --pin 1234"))
+                .exitCode,
+            0);
+  for (const auto& [key, label, id] : {std::tuple{TH_DEV_PRIVATE_KEY, "dev", "01"},
+                                       std::tuple{TH_DEV_RSA_PRIVATE_KEY, "dev-rsa", "02"}})
+    ASSERT_EQ(runProcess({util, "--import", key, "--token", "studio", "--label", label, "--id", id,
+                          "--pin", "1234"})
+                  .exitCode,
+              0);
+  const Args pinFile{"--pin-file", pin};
+  const auto token = [](const std::string& label, const Args& pinFrom,
+                        const std::string& name = "studio",
+                        const std::string& module = TH_SOFTHSM2) {
+    return Args{"--pkcs11-module", module, "--token", name, "--key-label", label} + pinFrom;
+  };
+  // Made in the token, EC or RSA; only the public key comes out, and a label is never reused.
+  std::map<std::string, std::string> made;
+  for (const std::string type : {"ec", "rsa"}) {
+    const Args keygen = Args{"keygen", "--out", s.scratch / type} + token(type, pinFile) +
+                        (type == "rsa" ? Args{"--rsa"} : Args{});
+    const ProcessResult result = publish(keygen);
+    made[type] = sha256Hex(readBytes(s.scratch / type / "update-public-key.pem"));
+    EXPECT_EQ(result.out,
+              "private key: in token 'studio', labelled '" + type +
+                  "' (it never leaves the token)\npublic key:  " +
+                  (s.scratch / type / "update-public-key.pem").string() +
+                  " (ship it as data/update_public_key.pem)\nfingerprint: " + made[type] +
+                  "\nbuild with:  -DTH_UPDATE_KEY_FINGERPRINT=" + made[type] + "\n")
+        << result.err;
+    // Sensitive and never extractable, as the token itself says.
+    const Args list{"/usr/bin/p11tool", "--provider", TH_SOFTHSM2, "--login", "--list-privkeys"};
+    EXPECT_PRED_FORMAT2(IsSubstring, "CKA_PRIVATE; CKA_NEVER_EXTRACTABLE; CKA_SENSITIVE; \n",
+                        runProcess(list + Args{"pkcs11:token=studio;object=" + type},
+                                   {{{"GNUTLS_PIN", "1234"}}, {}})
+                            .out);
+    expectReport(publish(Args{"keygen", "--out", s.scratch / "again"} + token(type, pinFile)).err,
+                 kNoKey,
+                 {"token 'studio' already holds a key labelled '" + type + "'; a key is never"});
+  }
+  const std::string pins = " its public key has fingerprint ";
+  const struct {
+    Args key, wrapper;
+    std::string problem;
+  } refusals[] = {
+      {token("ec", pinFile), {}, "token 'studio' key 'ec':" + pins + made["ec"]},
+      {token("rsa", pinFile), {}, "token 'studio' key 'rsa':" + pins + made["rsa"]},
+      {token("dev-rsa", pinFile),
+       {},
+       pins + sha256Hex(readBytes(TH_SOURCE_DIR "/tests/keys/dev-only-rsa-update-public-key.pem"))},
+      {token("none", pinFile), {}, "token 'studio' holds no key labelled 'none'"},
+      {token("dev", {"--pin-file", s.scratch / "wrong"}),
+       {},
+       "the PIN is not accepted by token 'studio'"},
+      {token("dev", {}),
+       {"/usr/bin/setsid", "-w"},
+       "no terminal to ask for the PIN: give --pin-file FILE or --pin-env NAME"},
+      {token("dev", pinFile, "gone"),
+       {},
+       "no token labelled 'gone' in " TH_SOFTHSM2 " (it has 'studio')"},
+      {token("dev", pinFile, "studio", "/none.so"),
+       {},
+       "/none.so: the PKCS#11 module cannot be loaded: "},
+  };
+  for (const auto& row : refusals)
+    s.expectRefused(s.args("1.1.0", row.key, "", row.wrapper), {row.problem});
+  const ProcessResult published =
+      runProcess(s.args("1.1.0", token("dev", {"--pin-env", "TH_TEST_PIN"}), ""));
+  ASSERT_EQ(published.exitCode, 0) << published.err;
+  NginxServer nginx(s.server);
+  ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
+  prepareInstall(s.scratch / "player", nginx.url());
+  EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, s.scratch / "player", nginx.url()}).out, "1.1.0\n");
 }
 
 // One publisher at a time per channel and platform: a second run waits, or gives up with
@@ -682,6 +769,13 @@ TEST(Publish, CommandLineMannersForMisuseHelpAndVersion) {
       {"verify --url u --slowest-link 0.0", 2, "--slowest-link '0.0' is not a speed"},
       {"keygen --out k --unencrypted --passphrase-env P", 2, "--unencrypted"},
       {"keygen --out=k --passphrase-file f --passphrase-env P", 2, "give"},
+      {"keygen --out k --rsa", 2, "--rsa is for a key in a token"},
+      {"release --from r --version 1 --server-root s", 2, "missing --key"},
+      {common + " --pin 1234", 2, "unknown argument '--pin'"},
+      {common + " --pin-env P", 2, "--pin-file and --pin-env are for a key in a token"},
+      {"release --from r --version 1 --server-root s --token t", 2,
+       "a key in a token needs --pkcs11-module, --token and --key-label"},
+      {common + " --pkcs11-module m --token t --key-label k", 2, "a key in a token takes no --key"},
       {"verify --url http://127.0.0.1:9 --public-key /none", 1,
        "nothing was checked:\n  /none: the public key cannot be read: No such file or directory"},
       {"verify --url http://127.0.0.1:9 --public-key=" + rsaKey, 1,

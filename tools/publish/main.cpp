@@ -99,8 +99,12 @@ int keygen(const Args& args) {
   if (!th::publish::generateKeyPair(options, result, problems)) {
     return failed("refused, no key was made", problems);
   }
-  std::cout << "private key: " << printable(result.privateKey.string()) << " (keep it secret)\n"
-            << "public key:  " << printable(result.publicKey.string())
+  const th::publish::TokenKeyName& token = options.token;
+  std::cout << "private key: "
+            << printable(token.given() ? "in token '" + token.token + "', labelled '" +
+                                             token.keyLabel + "' (it never leaves the token)"
+                                       : result.privateKey.string() + " (keep it secret)")
+            << "\npublic key:  " << printable(result.publicKey.string())
             << " (ship it as data/update_public_key.pem)\n"
             << "fingerprint: " << result.fingerprint << '\n'
             << "build with:  -DTH_UPDATE_KEY_FINGERPRINT=" << result.fingerprint << '\n';

@@ -15,11 +15,12 @@ struct Grammar {
   std::set<std::string> required;  // valued options that must be given
 };
 
-Grammar publishingGrammar(Grammar own) {
-  own.valued.insert({"--key", "--server-root", "--channel", "--platform", "--notes", "--keep",
-                     "--passphrase-file", "--passphrase-env", "--slowest-link"});
-  own.flags.insert({"--mandatory", "--no-wait"});
-  own.required.insert({"--key", "--server-root"});
+const std::set<std::string> kTokenOptions = {"--pkcs11-module", "--token", "--key-label"};
+
+// A key file's options, and a token key's; which one is used is judged once parsed.
+Grammar withKeyOptions(Grammar own) {
+  own.valued.insert({"--passphrase-file", "--passphrase-env", "--pin-file", "--pin-env"});
+  own.valued.insert(kTokenOptions.begin(), kTokenOptions.end());
   return own;
 }
 
@@ -32,17 +33,21 @@ Grammar describingGrammar(Grammar own) {
   return own;
 }
 
+Grammar publishingGrammar(Grammar own) {
+  own.valued.insert(
+      {"--key", "--server-root", "--channel", "--platform", "--notes", "--keep", "--slowest-link"});
+  own.flags.insert({"--mandatory", "--no-wait"});
+  own.required.insert({"--server-root"});
+  return withKeyOptions(own);
+}
+
 const Grammar& grammarOf(const std::string& command) {
   static const std::map<std::string, Grammar> kGrammars = {
-      {"keygen",
-       {{"--out", "--passphrase-file", "--passphrase-env"}, {"--unencrypted"}, {"--out"}}},
+      {"keygen", withKeyOptions({{"--out"}, {"--unencrypted", "--rsa"}, {"--out"}})},
       {"release", describingGrammar(publishingGrammar({}))},
       {"revert", publishingGrammar({{"--to", "--as"}, {}, {"--to", "--as"}})},
       {"prepare", describingGrammar({{"--out", "--server-url"}, {}, {"--out"}})},
-      {"sign",
-       {{"--prepared", "--key", "--passphrase-file", "--passphrase-env"},
-        {},
-        {"--prepared", "--key"}}},
+      {"sign", withKeyOptions({{"--prepared", "--key"}, {}, {"--prepared"}})},
       {"publish",
        {{"--prepared", "--server-root", "--keep", "--slowest-link", "--public-key"},
         {"--no-wait", "--force-below-fresh-install"},
@@ -114,14 +119,47 @@ void take(const Values& values, const std::string& name, std::filesystem::path& 
   if (const auto found = values.find(name); found != values.end()) into = found->second;
 }
 
-bool takePassphrase(const Values& values, PassphraseSource& source, std::string& error) {
-  take(values, "--passphrase-file", source.file);
-  take(values, "--passphrase-env", source.variable);
+// A passphrase's or PIN's source: --STEM-file or --STEM-env, not both.
+bool takeSecretSource(const Values& values, PassphraseSource& source, std::string& error) {
+  const std::string file = "--" + source.option + "-file", env = "--" + source.option + "-env";
+  take(values, file, source.file);
+  take(values, env, source.variable);
   if (!source.file.empty() && !source.variable.empty()) {
-    error = "give --passphrase-file or --passphrase-env, not both";
+    error = "give " + file + " or " + env + ", not both";
     return false;
   }
   return true;
+}
+
+// The token's three options come together, and the PIN's only with them; a key in a token
+// takes none of a key file's options (`fileOptions`, the ones given).
+bool takeToken(const Values& values, TokenKeyName& token, bool fileOptions, std::string& error) {
+  take(values, "--pkcs11-module", token.module);
+  take(values, "--token", token.token);
+  take(values, "--key-label", token.keyLabel);
+  if (!takeSecretSource(values, token.pin, error)) return false;
+  const auto named = std::count_if(kTokenOptions.begin(), kTokenOptions.end(),
+                                   [&](const std::string& name) { return values.count(name); });
+  if (named != 0 && named != 3) {
+    error = "a key in a token needs --pkcs11-module, --token and --key-label";
+  } else if (named == 0 && (!token.pin.file.empty() || !token.pin.variable.empty())) {
+    error = "--pin-file and --pin-env are for a key in a token";
+  } else if (named == 3 && fileOptions) {
+    error = "a key in a token takes no --key, --passphrase-file, --passphrase-env or --unencrypted";
+  }
+  return error.empty();
+}
+
+bool takeKeyOptions(const Values& values, SigningKeyOptions& key, std::string& error) {
+  take(values, "--key", key.file);
+  const bool fileOptions = values.count("--key") || values.count("--passphrase-file") ||
+                           values.count("--passphrase-env");
+  if (!takeSecretSource(values, key.passphrase, error) ||
+      !takeToken(values, key.token, fileOptions, error)) {
+    return false;
+  }
+  if (key.file.empty() && !key.token.given()) error = "missing --key";
+  return error.empty();
 }
 
 // A speed in megabits per second: digits, with one '.' among them at most, above zero.
@@ -155,8 +193,7 @@ void takeEach(const Values& values, std::initializer_list<std::pair<const char*,
 
 // Every option a publishing command may have been given, each into its field.
 void takeAll(const Values& values, ReleaseOptions& options) {
-  takeEach<std::filesystem::path>(values, {{"--key", &options.key},
-                                           {"--server-root", &options.serverRoot},
+  takeEach<std::filesystem::path>(values, {{"--server-root", &options.serverRoot},
                                            {"--from", &options.from},
                                            {"--notes", &options.notes},
                                            {"--package", &options.package},
@@ -193,11 +230,19 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
                         std::string& error) {
   Values values;
   if (!parseWords(args, grammarOf("keygen"), values, error) ||
-      !takePassphrase(values, options.passphrase, error)) {
+      !takeSecretSource(values, options.passphrase, error)) {
     return false;
   }
   take(values, "--out", options.out);
   options.unencrypted = values.count("--unencrypted") > 0;
+  options.rsa = values.count("--rsa") > 0;
+  const bool fileOptions = options.unencrypted || !options.passphrase.file.empty() ||
+                           !options.passphrase.variable.empty();
+  if (!takeToken(values, options.token, fileOptions, error)) return false;
+  if (options.rsa && !options.token.given()) {
+    error = "--rsa is for a key in a token";
+    return false;
+  }
   if (options.unencrypted && values.size() > 2) {
     error = "--unencrypted takes no passphrase";
     return false;
@@ -205,11 +250,16 @@ bool parseKeygenOptions(const std::vector<std::string>& args, KeygenOptions& opt
   return true;
 }
 
+// The commands that take a signing key.
+bool signs(const std::string& command) {
+  return command == "release" || command == "revert" || command == "sign";
+}
+
 bool parsePublishingOptions(const std::string& command, const std::vector<std::string>& args,
                             ReleaseOptions& options, std::string& error) {
   Values values;
   if (!parseWords(args, grammarOf(command), values, error) ||
-      !takePassphrase(values, options.passphrase, error) ||
+      (signs(command) && !takeKeyOptions(values, options.key, error)) ||
       !takeLink(values, options.slowestLinkMbit, error)) {
     return false;
   }

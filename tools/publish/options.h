@@ -10,16 +10,35 @@
 
 namespace th::publish {
 
+// A key pair in a hardware token, found through its PKCS#11 module by the token's label and the
+// key's; all three given, or none.
+struct TokenKeyName {
+  std::filesystem::path module;                // --pkcs11-module
+  std::string token;                           // --token
+  std::string keyLabel;                        // --key-label
+  PassphraseSource pin{{}, {}, "PIN", "pin"};  // --pin-file, --pin-env, else the terminal
+  bool given() const { return !module.empty(); }
+};
+
+// The key that signs: a PEM file, or a key in a token.
+struct SigningKeyOptions {
+  std::filesystem::path file;   // --key
+  PassphraseSource passphrase;  // asked for only when the file is encrypted
+  TokenKeyName token;
+};
+
 struct KeygenOptions {
   std::filesystem::path out;
   PassphraseSource passphrase;  // for the private key; the terminal unless given
   bool unencrypted = false;     // a throw-away key, written in the clear
+  TokenKeyName token;           // given: the pair is made in the token, only the public half here
+  bool rsa = false;             // a token's key: RSA 3072 instead of EC P-256
 };
 
 struct ReleaseOptions {
   std::filesystem::path from;
   std::string version;
-  std::filesystem::path key;
+  SigningKeyOptions key;
   std::filesystem::path serverRoot;
   std::string channel = "stable";
   std::string platform = "linux";
@@ -34,7 +53,6 @@ struct ReleaseOptions {
                                       // a whole number from 1, checked when parsed
   bool wait = true;                   // for another release of the channel and platform to finish
   double slowestLinkMbit = kDefaultSlowestLinkMbit;  // every file must reach players on it
-  PassphraseSource passphrase;                       // asked for only when the key is encrypted
   std::filesystem::path prepared;   // prepare: the folder it writes; sign, publish: the one read
   std::string servedUrl;            // prepare: the server, to judge the release by what it serves
   std::filesystem::path publicKey;  // publish: the key the signature is checked with; empty: the

@@ -26,7 +26,22 @@ const std::map<std::string, std::string>& optionLines() {
        "  --version V              dotted numbers like 1.4.2, above the served release's\n"},
       {"--key",
        "  --key PRIVATE.pem        the signing key; its public half must be the key this build "
-       "pins\n"},
+       "pins\n"
+       "                           (or a key in a token, the same so: --pkcs11-module and on)\n"},
+      {"--pkcs11-module",
+       "  --pkcs11-module LIB      the token's PKCS#11 module (a path, or a file name in "
+       "p11-kit's\n"
+       "                           module folder); with --token and --key-label, the key in a "
+       "token\n"},
+      {"--token", "  --token LABEL            the token's label\n"},
+      {"--key-label", "  --key-label LABEL        the key pair's label in the token\n"},
+      {"--pin-file",
+       "  --pin-file FILE          read the token's PIN from the first line of FILE\n"},
+      {"--pin-env",
+       "  --pin-env NAME           read it from the environment variable NAME\n"
+       "                           (neither: asked for on the terminal; never an argument)\n"},
+      {"--rsa",
+       "  --rsa                    make an RSA 3072 key in the token (default EC P-256)\n"},
       {"--server-root",
        "  --server-root ROOT       the folder the update server serves; the release goes live in\n"
        "                           ROOT/CHANNEL/PLATFORM in one step\n"},
@@ -101,8 +116,11 @@ const std::map<std::string, Command>& commands() {
       "--platform", "--slowest-link", "--protocol-version",       "--force-below-fresh-install",
       "--package"};
   static const std::vector<std::string> kServing = {"--server-root", "--keep", "--no-wait"};
-  static const std::vector<std::string> kSigning = {"--key", "--passphrase-file",
-                                                    "--passphrase-env"};
+  static const std::vector<std::string> kToken = {"--pkcs11-module", "--token", "--key-label",
+                                                  "--pin-file", "--pin-env"};
+  static const std::vector<std::string> kSigning = {
+      "--key",   "--passphrase-file", "--passphrase-env", "--pkcs11-module",
+      "--token", "--key-label",       "--pin-file",       "--pin-env"};
   const auto join = [](std::vector<std::vector<std::string>> parts) {
     std::vector<std::string> all;
     for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
@@ -111,15 +129,23 @@ const std::map<std::string, Command>& commands() {
   static const std::map<std::string, Command> kCommands = {
       {"keygen",
        {"tarn-hollow-publish keygen --out DIR\n"
-        "    [--passphrase-file FILE | --passphrase-env NAME | --unencrypted]\n",
-        "Makes a signing key pair in DIR and prints the fingerprint to build launchers with.\n",
-        {"--out", "--passphrase-file", "--passphrase-env", "--unencrypted"}}},
+        "    [--passphrase-file FILE | --passphrase-env NAME | --unencrypted]\n"
+        "tarn-hollow-publish keygen --out DIR --pkcs11-module LIB --token LABEL\n"
+        "    --key-label LABEL [--pin-file FILE | --pin-env NAME] [--rsa]\n",
+        "Makes a signing key pair in DIR, or in a token (only the public key goes to DIR), and\n"
+        "prints the fingerprint to build launchers with.\n",
+        join({{"--out", "--passphrase-file", "--passphrase-env", "--unencrypted"},
+              kToken,
+              {"--rsa"}})}},
       {"release",
        {"tarn-hollow-publish release --from RELEASE_DIR --version V --key PRIVATE.pem\n"
         "    --server-root ROOT [--notes FILE] [--mandatory] [--minimum-online-version V]\n"
         "    [--keep 3] [--no-wait] [--passphrase-file FILE | --passphrase-env NAME]\n"
         "    [--channel stable] [--platform linux] [--protocol-version N]\n"
-        "    [--force-below-fresh-install] [--package GAME.tar.gz] [--slowest-link 10]\n",
+        "    [--force-below-fresh-install] [--package GAME.tar.gz] [--slowest-link 10]\n"
+        "  with a key in a token instead of --key and its passphrase:\n"
+        "    --pkcs11-module LIB --token LABEL --key-label LABEL\n"
+        "    [--pin-file FILE | --pin-env NAME]\n",
         "Publishes RELEASE_DIR as release V, signed: prepare, sign and publish in one run.\n",
         join({{"--from", "--version"}, kSigning, kServing, kDescribing})}},
       {"prepare",
@@ -132,7 +158,10 @@ const std::map<std::string, Command>& commands() {
         join({{"--from", "--version", "--out", "--server-url"}, kDescribing})}},
       {"sign",
        {"tarn-hollow-publish sign --prepared DIR --key PRIVATE.pem\n"
-        "    [--passphrase-file FILE | --passphrase-env NAME]\n",
+        "    [--passphrase-file FILE | --passphrase-env NAME]\n"
+        "  with a key in a token instead of --key and its passphrase:\n"
+        "    --pkcs11-module LIB --token LABEL --key-label LABEL\n"
+        "    [--pin-file FILE | --pin-env NAME]\n",
         "Step 2 of 3, where the key is: shows what it signs, then writes DIR/manifest.sig.\n",
         join({{"--prepared"}, kSigning})}},
       {"publish",
@@ -147,7 +176,10 @@ const std::map<std::string, Command>& commands() {
        {"tarn-hollow-publish revert --to KEPT_V --as NEW_V --key PRIVATE.pem\n"
         "    --server-root ROOT [--notes FILE] [--mandatory] [--keep 3] [--no-wait]\n"
         "    [--passphrase-file FILE | --passphrase-env NAME] [--channel stable]\n"
-        "    [--platform linux] [--slowest-link 10]\n",
+        "    [--platform linux] [--slowest-link 10]\n"
+        "  with a key in a token instead of --key and its passphrase:\n"
+        "    --pkcs11-module LIB --token LABEL --key-label LABEL\n"
+        "    [--pin-file FILE | --pin-env NAME]\n",
         "Publishes the files of a kept release again as NEW_V, above the served one: players\n"
         "never install a lower version, so this is how a bad release is rolled back.\n",
         join({{"--to", "--as"},

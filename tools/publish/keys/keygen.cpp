@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
 
 #include "tools/publish/keys/keys.h"
 #include "tools/publish/keys/secret_file.h"
+#include "tools/publish/keys/token.h"
 #include "update/disk_flush.h"
 #include "update/file_descriptor.h"
 #include "update/signature.h"
@@ -56,11 +58,12 @@ bool writeWhole(const KeyFile& file, std::string& problem) {
 // Both files written whole and flushed under temporary names, then linked to their names (which
 // never replaces a file, unlike a rename), and the folder flushed: after a power cut the pair is
 // there whole, or not at all. A failure removes all it made.
-bool placeKeyFiles(const KeyFile (&files)[2], std::vector<std::string>& problems) {
+bool placeKeyFiles(const std::vector<KeyFile>& files, std::vector<std::string>& problems) {
   std::string problem;
   size_t placed = 0;
-  bool ok = writeWhole(files[0], problem) && writeWhole(files[1], problem);
-  for (; ok && placed < 2; ++placed) {
+  bool ok = std::all_of(files.begin(), files.end(),
+                        [&](const KeyFile& file) { return writeWhole(file, problem); });
+  for (; ok && placed < files.size(); ++placed) {
     if (::link(files[placed].temporary.c_str(), files[placed].place.c_str()) != 0) {
       problem = files[placed].place.string() + ": cannot be written: " + std::strerror(errno);
       ok = false;
@@ -77,28 +80,17 @@ bool placeKeyFiles(const KeyFile (&files)[2], std::vector<std::string>& problems
   return ok;
 }
 
-}  // namespace
-
-bool generateKeyPair(const KeygenOptions& options, KeygenResult& result,
-                     std::vector<std::string>& problems) {
-  const fs::path& out = options.out;
-  KeygenResult made{out / "update-private-key.pem", out / "update-public-key.pem", {}};
-  std::error_code error;
-  for (const fs::path& file : {made.privateKey, made.publicKey}) {
-    if (fs::exists(fs::symlink_status(file, error))) {
-      problems.push_back(file.string() + ": already exists; a key is never overwritten");
-    }
-  }
+// A fresh pair in memory: the private key's PEM, encrypted unless asked not to, and the public's.
+bool makeFileKey(const KeygenOptions& options, std::string& privatePem, std::string& publicPem,
+                 std::vector<std::string>& problems) {
   Passphrase passphrase;
-  std::string problem;
-  if (problems.empty() && !options.unencrypted &&
+  std::string problem, code;
+  if (!options.unencrypted &&
       !passphrase.read(options.passphrase, "Passphrase for the new signing key: ", true, problem)) {
     problems.push_back(problem);
+    return false;
   }
-  if (!problems.empty()) return false;
-  fs::create_directories(out, error);
   PrivateKey key;
-  std::string privatePem, publicPem, code;
   if (!generateKey(key, code) ||
       !privateKeyPem(key.get(), options.unencrypted ? nullptr : &passphrase.text(), privatePem,
                      code) ||
@@ -106,10 +98,45 @@ bool generateKeyPair(const KeygenOptions& options, KeygenResult& result,
     problems.push_back("key generation failed: " + code);
     return false;
   }
-  const bool placed =
-      placeKeyFiles({{made.privateKey, temporaryName(made.privateKey), privatePem, 0600},
-                     {made.publicKey, temporaryName(made.publicKey), publicPem, 0644}},
-                    problems);
+  return true;
+}
+
+// A pair made in the token, which keeps the private half: only the public one comes out.
+bool makeTokenKey(const KeygenOptions& options, std::string& publicPem,
+                  std::vector<std::string>& problems) {
+  std::string problem;
+  if (!generateTokenKeyPair(options.token, options.rsa, publicPem, problem)) {
+    problems.push_back(problem);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool generateKeyPair(const KeygenOptions& options, KeygenResult& result,
+                     std::vector<std::string>& problems) {
+  const fs::path& out = options.out;
+  const bool inToken = options.token.given();
+  KeygenResult made{
+      inToken ? fs::path() : out / "update-private-key.pem", out / "update-public-key.pem", {}};
+  std::error_code error;
+  for (const fs::path& file : {made.privateKey, made.publicKey}) {
+    if (!file.empty() && fs::exists(fs::symlink_status(file, error))) {
+      problems.push_back(file.string() + ": already exists; a key is never overwritten");
+    }
+  }
+  std::string privatePem, publicPem;
+  if (!problems.empty() || !(inToken ? makeTokenKey(options, publicPem, problems)
+                                     : makeFileKey(options, privatePem, publicPem, problems))) {
+    return false;
+  }
+  fs::create_directories(out, error);
+  std::vector<KeyFile> files;
+  if (!inToken)
+    files.push_back({made.privateKey, temporaryName(made.privateKey), privatePem, 0600});
+  files.push_back({made.publicKey, temporaryName(made.publicKey), publicPem, 0644});
+  const bool placed = placeKeyFiles(files, problems);
   wipe(privatePem);
   if (!placed) return false;
   made.fingerprint = update::sha256Bytes(publicPem);

@@ -1,6 +1,7 @@
 #include "tools/publish/keys/keys.h"
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
 #include <openssl/rand.h>
@@ -146,6 +147,23 @@ bool signSha256(EVP_PKEY* key, std::string_view bytes, std::string& signatureHex
   }
   signatureHex = hexOf(signature);
   return true;
+}
+
+bool verifiesSha256(const std::string& publicPem, std::string_view bytes,
+                    const std::string& signatureHex) {
+  struct BufferFree {
+    void operator()(unsigned char* buffer) const { OPENSSL_free(buffer); }
+  };
+  long length = 0;
+  const std::unique_ptr<unsigned char, BufferFree> signature(
+      OPENSSL_hexstr2buf(signatureHex.c_str(), &length));
+  Bio bio(BIO_new_mem_buf(publicPem.data(), static_cast<int>(publicPem.size())));
+  const PrivateKey key(bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  DigestContext context(EVP_MD_CTX_new());
+  return signature && key && context &&
+         EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, key.get()) == 1 &&
+         EVP_DigestVerify(context.get(), signature.get(), static_cast<size_t>(length),
+                          reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) == 1;
 }
 
 std::string hexOf(const std::vector<unsigned char>& bytes) {

@@ -49,6 +49,11 @@ bool publicKeyPem(EVP_PKEY* key, std::string& pem, std::string& error);
 bool signSha256(EVP_PKEY* key, std::string_view bytes, std::string& signatureHex,
                 std::string& error);
 
+// True when `signatureHex` is a SHA-256 signature of `bytes`, under the scheme signSha256 uses,
+// by the public key whose PEM is `publicPem`.
+bool verifiesSha256(const std::string& publicPem, std::string_view bytes,
+                    const std::string& signatureHex);
+
 // Lower-case hex of `bytes`, as manifests and signatures carry digests.
 std::string hexOf(const std::vector<unsigned char>& bytes);
 

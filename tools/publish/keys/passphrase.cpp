@@ -16,14 +16,14 @@ namespace th::publish {
 namespace {
 
 // One trailing line end dropped; empty when the passphrase is fine, else why not.
-std::string asOneLine(std::string& text) {
+std::string asOneLine(std::string& text, const std::string& noun) {
   if (text.ends_with('\n')) text.pop_back();
   if (text.ends_with('\r')) text.pop_back();
-  if (text.empty()) return "the passphrase is empty";
+  if (text.empty()) return "the " + noun + " is empty";
   if (text.find_first_of("\r\n") != std::string::npos)
-    return "the passphrase is more than one line";
+    return "the " + noun + " is more than one line";
   if (text.size() > kMaxPassphraseBytes) {
-    return "the passphrase is longer than " + std::to_string(kMaxPassphraseBytes) + " bytes";
+    return "the " + noun + " is longer than " + std::to_string(kMaxPassphraseBytes) + " bytes";
   }
   return {};
 }
@@ -94,20 +94,19 @@ bool askTerminal(int tty, const std::string& prompt, std::string& line) {
   return ::write(tty, "\n", 1) == 1;
 }
 
-bool fromTerminal(const std::string& prompt, bool confirm, std::string& text,
-                  std::string& problem) {
+bool fromTerminal(const PassphraseSource& source, const std::string& prompt, bool confirm,
+                  std::string& text, std::string& problem) {
   const update::FileDescriptor tty(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
   std::string again;
   if (tty.get() < 0 || !askTerminal(tty.get(), prompt, text) ||
       (confirm && !askTerminal(tty.get(), "Repeat it: ", again))) {
-    problem =
-        "no terminal to ask for the passphrase: give --passphrase-file FILE or "
-        "--passphrase-env NAME";
+    problem = "no terminal to ask for the " + source.noun + ": give --" + source.option +
+              "-file FILE or --" + source.option + "-env NAME";
     return false;
   }
   const bool same = !confirm || again == text;
   wipe(again);
-  if (!same) problem = "the two passphrases differ";
+  if (!same) problem = "the two " + source.noun + "s differ";
   return same;
 }
 
@@ -126,7 +125,7 @@ bool Passphrase::read(const PassphraseSource& source, const std::string& prompt,
       return false;
     }
   } else if (!source.variable.empty()) {
-    where = "--passphrase-env " + source.variable + ": ";
+    where = "--" + source.option + "-env " + source.variable + ": ";
     const char* value = std::getenv(source.variable.c_str());
     if (value == nullptr) {
       problem = where + "no such variable";
@@ -134,9 +133,10 @@ bool Passphrase::read(const PassphraseSource& source, const std::string& prompt,
     }
     text_ = value;
   } else {
-    if (!fromTerminal(prompt, confirm, text_, problem)) return false;
+    if (!fromTerminal(source, prompt, confirm, text_, problem)) return false;
   }
-  if (const std::string wrong = asOneLine(text_); !wrong.empty()) problem = where + wrong;
+  if (const std::string wrong = asOneLine(text_, source.noun); !wrong.empty())
+    problem = where + wrong;
   return problem.empty();
 }
 

@@ -9,10 +9,13 @@
 
 namespace th::publish {
 
-// Where the passphrase comes from; both empty: the terminal.
+// Where the passphrase comes from; both empty: the terminal. A token's PIN is read by the same
+// rules, under its own name and options (--pin-file, --pin-env).
 struct PassphraseSource {
-  std::filesystem::path file;  // --passphrase-file
-  std::string variable;        // --passphrase-env
+  std::filesystem::path file;         // --passphrase-file
+  std::string variable;               // --passphrase-env
+  std::string noun = "passphrase";    // what messages call it
+  std::string option = "passphrase";  // its options' stem
 };
 
 // OpenSSL hands a key's reader no more than this.

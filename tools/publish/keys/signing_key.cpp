@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "tools/publish/build_variant.h"
+#include "tools/publish/keys/keys.h"
 #include "tools/publish/release/manifest_json.h"
 #include "update/manifest.h"
 #include "update/pinned_key.h"
@@ -12,50 +13,27 @@
 
 namespace th::publish {
 namespace fs = std::filesystem;
-namespace {
 
 using Problems = std::vector<std::string>;
 
-// A key in the clear signs for whoever reads the file: it may be open to its owner alone.
-void judgeKeyFile(const fs::path& file, const LoadedKey& loaded, Problems& problems,
-                  Problems& warnings) {
-  if (loaded.encrypted) return;
-  if ((loaded.mode & 077) != 0) {
-    char mode[16];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(loaded.mode & 07777));
-    problems.push_back(file.string() + ": a key in the clear that group or others may open (mode " +
-                       mode + "); chmod 600 it, or better, encrypt it");
-  } else {
-    warnings.push_back(file.string() +
-                       ": the signing key is not encrypted; anyone who reads the file can sign "
-                       "releases");
-  }
-}
-
-// The key must sign, and its public half must be the key that this build's engine pins, or the
-// launchers built alongside would refuse every release signed with it.
-}  // namespace
-
-void checkKey(const fs::path& file, const PassphraseSource& passphrase, SigningKey& signing,
-              Problems& problems, Problems& warnings) {
+void checkKey(const SigningKeyOptions& options, SigningKey& signing, Problems& problems,
+              Problems& warnings) {
+  signing = openSigner(options, problems, warnings);
+  if (!signing) return;
   std::string error, probe;
-  if (!loadPrivateKey(file, passphrase, signing.loaded, error)) {
-    problems.push_back(file.string() + ": " + error);
+  if (!signing->sign("probe", probe, error)) {
+    problems.push_back(signing->name() +
+                       ": this key cannot make SHA-256 signatures (use EC or RSA)");
     return;
   }
-  judgeKeyFile(file, signing.loaded, problems, warnings);
-  EVP_PKEY* key = signing.loaded.key.get();
-  if (!publicKeyPem(key, signing.publicPem, error)) {
-    problems.push_back(file.string() + ": its public key cannot be encoded");
-    return;
+  // A token may hold another pair's public key under the label: its signatures would verify
+  // nowhere.
+  if (!verifiesSha256(signing->publicPem(), "probe", probe)) {
+    problems.push_back(signing->name() + ": its signatures do not verify with its public key");
   }
-  if (!signSha256(key, "probe", probe, error)) {
-    problems.push_back(file.string() + ": this key cannot make SHA-256 signatures (use EC or RSA)");
-    return;
-  }
-  const std::string fingerprint = update::sha256Bytes(signing.publicPem);
+  const std::string fingerprint = update::sha256Bytes(signing->publicPem());
   if (fingerprint != update::pinnedKeyFingerprint()) {
-    problems.push_back(file.string() + ": its public key has fingerprint " + fingerprint +
+    problems.push_back(signing->name() + ": its public key has fingerprint " + fingerprint +
                        ", but this build pins " + std::string(update::pinnedKeyFingerprint()) +
                        " (build with -DTH_UPDATE_KEY_FINGERPRINT=" + fingerprint + ")");
   }

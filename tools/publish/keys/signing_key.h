@@ -6,23 +6,22 @@
 #include <string>
 #include <vector>
 
-#include "tools/publish/keys/keys.h"
+#include <memory>
+
+#include "tools/publish/keys/signer.h"
 #include "update/manifest.h"
 
 namespace th::publish {
 
-struct SigningKey {
-  LoadedKey loaded;
-  std::string publicPem;
-};
+// The key that signs, a key file or a key in a token.
+using SigningKey = std::unique_ptr<Signer>;
 
-// Loads the private key in `file` (asking `passphrase` when it is encrypted) into `signing`. The
-// key must sign SHA-256, its public half must be the key this build's engine pins (or the
-// launchers built alongside would refuse every release signed with it), and a key in the clear
-// may be open to its owner alone (warned about even then). Problem lines name the file.
-void checkKey(const std::filesystem::path& file, const PassphraseSource& passphrase,
-              SigningKey& signing, std::vector<std::string>& problems,
-              std::vector<std::string>& warnings);
+// Opens the key `options` name (asking for its passphrase or PIN). It must make SHA-256
+// signatures that verify with the public half it offers, and that public half must be the key
+// this build's engine pins, or the launchers built alongside would refuse every release signed
+// with it. Problem lines name the key.
+void checkKey(const SigningKeyOptions& options, SigningKey& signing,
+              std::vector<std::string>& problems, std::vector<std::string>& warnings);
 
 // Reads the signed manifest back the way every launcher will, with `publicPem` as the install's
 // key file written into `folder` for the check and removed again: the signature must verify,

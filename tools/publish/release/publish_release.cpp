@@ -37,15 +37,15 @@ bool writeManifest(const ReleaseStore& store, const std::string& json, const std
 }
 
 // Signs the manifest, checks it as launchers will read it, and makes the release current.
-bool signAndSwapIn(const ReleaseOptions& options, const SigningKey& signing, ReleaseStore& store,
-                   const update::Manifest& manifest, Problems& problems) {
+bool signAndSwapIn(const SigningKey& signing, ReleaseStore& store, const update::Manifest& manifest,
+                   Problems& problems) {
   const std::string json = manifestJson(manifest);
   std::string signature, error;
-  if (!signSha256(signing.loaded.key.get(), json, signature, error)) {
-    problems.push_back(options.key.string() + ": signing failed: " + error);
+  if (!signing->sign(json, signature, error)) {
+    problems.push_back(signing->name() + ": signing failed: " + error);
     return false;
   }
-  checkAsLaunchersRead(json, signature, signing.publicPem, store.folder(), manifest, problems);
+  checkAsLaunchersRead(json, signature, signing->publicPem(), store.folder(), manifest, problems);
   return problems.empty() && writeManifest(store, json, signature, problems) &&
          store.makeCurrent(problems);
 }
@@ -113,7 +113,7 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   readNotes(options, notes, problems);
   if (reverting) notes = revertNotes(options, options.notes.empty() ? kept.releaseNotes : notes);
   judgeRelease(options, notes, sizesOf(files), problems, summary.warnings);
-  if (!fromPrepared) checkKey(options.key, options.passphrase, signing, problems, summary.warnings);
+  if (!fromPrepared) checkKey(options.key, signing, problems, summary.warnings);
   const std::string packagedLauncher = readPackagedLauncher(options, problems);
   problems.insert(problems.end(), entries.begin(), entries.end());
   if (!problems.empty() || !store.lock(options.wait, problems) || !store.inspect(problems)) {
@@ -133,9 +133,9 @@ bool publishRelease(const ReleaseOptions& given, PublishSummary& summary, Proble
   }
   warnNothingToInstall(manifest, store.servedRelease(), summary.warnings);
   warnPackagedLauncher(manifest, options.package, packagedLauncher, summary.warnings);
-  const bool live = problems.empty() &&
-                    (fromPrepared ? swapInSigned(prepared, store, problems)
-                                  : signAndSwapIn(options, signing, store, manifest, problems));
+  const bool live =
+      problems.empty() && (fromPrepared ? swapInSigned(prepared, store, problems)
+                                        : signAndSwapIn(signing, store, manifest, problems));
   if (!live) return false;
   warnFlagOnlyChanges(manifest, store.servedRelease(), summary.warnings);
   summary.pruned = store.prune(std::stoul(options.keep));

@@ -31,14 +31,14 @@ bool readPreparedManifest(const fs::path& folder, PreparedManifest& prepared,
 bool signPrepared(const ReleaseOptions& options, const PreparedManifest& prepared,
                   std::vector<std::string>& problems, std::vector<std::string>& warnings) {
   SigningKey signing;
-  checkKey(options.key, options.passphrase, signing, problems, warnings);
+  checkKey(options.key, signing, problems, warnings);
   std::string signature, error;
   if (!problems.empty()) return false;
-  if (!signSha256(signing.loaded.key.get(), prepared.json, signature, error)) {
-    problems.push_back(options.key.string() + ": signing failed: " + error);
+  if (!signing->sign(prepared.json, signature, error)) {
+    problems.push_back(signing->name() + ": signing failed: " + error);
     return false;
   }
-  checkAsLaunchersRead(prepared.json, signature, signing.publicPem, options.prepared,
+  checkAsLaunchersRead(prepared.json, signature, signing->publicPem(), options.prepared,
                        prepared.manifest, problems);
   const fs::path file = options.prepared / "manifest.sig";
   if (problems.empty() && !update::writeTextFile(file, signature)) {
