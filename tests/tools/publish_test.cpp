@@ -437,6 +437,15 @@ TEST(Token, KeysInATokenSignReleasesThatPlayersInstall) {
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
   prepareInstall(s.scratch / "player", nginx.url());
   EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, s.scratch / "player", nginx.url()}).out, "1.1.0\n");
+  // The same key signs a prepared release where the token is; prepare and publish need no key.
+  const fs::path prepared = s.scratch / "prepared";
+  writeBytes(s.release / "tarn-hollow", "#!/bin/sh\necho 1.2.0\n");
+  for (const Args& step :
+       {Args{"prepare", "--from", s.release, "--version", "1.2.0", "--out", prepared},
+        Args{"sign", "--prepared", prepared} + token("dev", {"--pin-env", "TH_TEST_PIN"}),
+        Args{"publish", "--prepared", prepared, "--server-root", s.server}})
+    ASSERT_EQ(publish(step).exitCode, 0) << step[0];
+  EXPECT_EQ(runProcess({TH_UPDATE_CLIENT, s.scratch / "player", nginx.url()}).out, "1.2.0\n");
 }
 
 // One publisher at a time per channel and platform: a second run waits, or gives up with
