@@ -67,10 +67,15 @@ std::string differenceFromReference(const Image& image, const std::string& state
       difference.rgb[i + c] = same ? image.rgb[i + c] / 3 : (c == 0 ? 255 : 0);
     }
   }
-  if (differing == 0) return "";
-  const fs::path out = TH_FRAMES_OUT;
-  savePng(image, out / (state + ".png"));
-  savePng(difference, out / (state + "-difference.png"));
+  const fs::path out = TH_FRAMES_OUT, frame = out / (state + ".png"),
+                 marked = out / (state + "-difference.png");
+  if (differing == 0) {  // nothing stale left from an earlier run
+    fs::remove(frame);
+    fs::remove(marked);
+    return "";
+  }
+  savePng(image, frame);
+  savePng(difference, marked);
   return "state " + state + ": " + std::to_string(differing) + " pixels differ from " +
          referencePath(state).string() + (reference ? "" : " (missing or unreadable)") +
          "; the new frame and the difference are in " + out.string();
