@@ -112,7 +112,7 @@ TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanl
   writeBytes(root / "save" / "profile_v07.sav", "an old save");  // copied once at start
   start();
   ASSERT_TRUE(waitForStatus("UPDATE SERVICE UNAVAILABLE", kStatusUnavailable));
-  EXPECT_EQ(std::make_pair(screen.width, screen.height), std::make_pair(1040, 640));
+  EXPECT_EQ(differenceFromReference(screen, "no-server"), "");
   EXPECT_EQ(readBytes(scratch / "xdg/tarn-hollow/saves/profile_v07.sav"), "an old save");
   ASSERT_TRUE(click(kPlay));
   ASSERT_TRUE(waitForStatus("GAME EXECUTABLE MISSING", kStatusFailed));
@@ -122,9 +122,7 @@ TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanl
       true);
   ASSERT_TRUE(click(kRefresh));
   ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal));
-  EXPECT_TRUE(showsText(screen, 720, 154, "INSTALLED VERSION 1.3.0", 0.72f, kDetail));
-  EXPECT_TRUE(showsText(screen, 720, 342, "UPDATE 100%", 0.82f, kBarLabel));
-  EXPECT_EQ(countColour(screen, 700, 327, 1000, 328, kBarFill), 260);
+  EXPECT_EQ(differenceFromReference(screen, "installed"), "");
   EXPECT_EQ(readBytes(root / "data" / "game_version"), "1.3.0\n");
   EXPECT_EQ(readBytes(root / "data" / "world.pak"), std::string(400000, 'w'));
 
@@ -132,8 +130,7 @@ TEST_F(Launcher, WalksFromNoServerThroughAnUpdateToAMandatoryLockAndClosesCleanl
   ASSERT_TRUE(waitForStatus("READY TO PLAY", kStatusNormal, [](const Image& image) {
     return showsText(image, 720, 154, "VERSION 1.3.0 // stable", 0.72f, kDetail);
   }));
-  EXPECT_EQ(screen.at(722, 517), kRequiredBox);
-  EXPECT_TRUE(showsText(screen, 750, 535, "UPDATE REQUIRED", 1.25f, {255, 230, 216}));
+  EXPECT_EQ(differenceFromReference(screen, "mandatory"), "");
   // Input is handled in order: once the refresh has reached the server and ended, Return and
   // PLAY have been handled before it.
   ASSERT_TRUE(display.key(window, "Return") && click(kPlay) && click(kRefresh));
