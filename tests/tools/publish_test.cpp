@@ -96,6 +96,21 @@ struct Studio {
     return args(version, extra);
   }
 
+  // The release made in three steps, as one command: prepare, sign, publish.
+  Args stepwise(const std::string& version) {
+    next(version);
+    return {"/bin/sh",
+            "-c",
+            "\"$0\" prepare --from \"$1\" --version \"$2\" --out \"$3\" && \"$0\" sign --prepared "
+            "\"$3\" --key \"$4\" && \"$0\" publish --prepared \"$3\" --server-root \"$5\"",
+            TH_PUBLISH_DEVKEY,
+            release,
+            version,
+            scratch / ("prepared-" + version),
+            TH_DEV_PRIVATE_KEY,
+            server};
+  }
+
   // The tool names every problem at once, and a refused release leaves no trace on the server.
   void expectRefused(const Args& argv, const Args& problems) const {
     const ProcessResult result = runProcess(argv);
@@ -736,6 +751,16 @@ TEST(Publish, PreparedAndPublishedWithoutTheKeySignedWhereItIs) {
                {"data/world.pak: not as the signed manifest lists it"});
   fs::copy_file(prepared / "files" / "data" / "world.pak", origin / "files" / "data" / "world.pak",
                 fs::copy_options::overwrite_existing);
+  // Signed by another key, or changed after signing: refused on a machine that holds no key.
+  const std::string json = readBytes(prepared / "manifest.json");
+  const std::string unverified =
+      "the signed manifest does not verify: manifest_signature_verify_failed";
+  writeBytes(origin / "manifest.sig", signHex(json, TH_DEV_RSA_PRIVATE_KEY));
+  expectReport(publishFrom(origin).err, kRefused, {unverified});
+  writeBytes(origin / "manifest.sig", readBytes(prepared / "manifest.sig"));
+  writeBytes(origin / "manifest.json", json + " ");
+  expectReport(publishFrom(origin).err, kRefused, {unverified});
+  writeBytes(origin / "manifest.json", json);
   ASSERT_EQ(publishFrom(origin).exitCode, 0);
   NginxServer nginx(s.server);
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
@@ -847,7 +872,7 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
   for (int i = 0; i < playerCount; ++i) {
     prepareInstall(install(i), edge.url());
     players.push_back(std::make_unique<ChildProcess>(player(i)));
-    if (i == playerCount / 2) publisher = std::make_unique<ChildProcess>(s.next("1.1.0"));
+    if (i == playerCount / 2) publisher = std::make_unique<ChildProcess>(s.stepwise("1.1.0"));
     std::this_thread::sleep_for(2000ms / playerCount);
   }
   EXPECT_EQ(publisher->wait(120s), 0) << publisher->err();
@@ -908,7 +933,7 @@ TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
   std::this_thread::sleep_for(1s - std::chrono::system_clock::now().time_since_epoch() % 1s);
   ASSERT_EQ(runProcess(s.next("1.0.0")).exitCode, 0);
   ASSERT_TRUE(update::httpGet(level, body, error)) << error;
-  ASSERT_EQ(runProcess(s.next("1.1.0")).exitCode, 0);
+  ASSERT_EQ(runProcess(s.stepwise("1.1.0")).exitCode, 0);
   ASSERT_TRUE(update::httpGet(level, body, error)) << error;
   EXPECT_EQ(body, readBytes(s.release / "data" / "level.pak"));
   for (size_t i = 0; i < std::size(table); ++i) {
