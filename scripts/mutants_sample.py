@@ -12,11 +12,12 @@ import re
 # are not sampled.
 PRODUCT = ("update", "launcher", "paths", "helper", "tools/publish")
 
-# (kind, pattern, replacement) applied at one match of a line.
+# (kind, pattern, replacement) applied at one match of a line. A comparison needs blanks on both
+# sides, so that template brackets are left alone.
 TOKEN_CHANGES = [
-    ("lt-le", r"(?<![<>=!-])<(?![<=])(?=\s)", "<="),
+    ("lt-le", r"(?<=\s)<(?=\s)", "<="),
     ("le-lt", r"<=", "<"),
-    ("gt-ge", r"(?<![<>=-])>(?![>=])(?=\s)", ">="),
+    ("gt-ge", r"(?<=\s)>(?=\s)", ">="),
     ("ge-gt", r">=", ">"),
     ("eq-ne", r"==", "!="),
     ("ne-eq", r"!=", "=="),
@@ -60,7 +61,7 @@ def candidates(root):
     """Every fault the sampler may draw, as (id, file, find, replace, desc) tuples."""
     found = []
     for folder in PRODUCT:
-        for path in sorted((root / folder).rglob("*.cpp")):
+        for path in sorted([*(root / folder).rglob("*.cpp"), *(root / folder).rglob("*.h")]):
             relative = path.relative_to(root).as_posix()
             text = path.read_text()
             for number, line in enumerate(text.splitlines(), 1):
