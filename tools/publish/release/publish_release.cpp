@@ -1,7 +1,7 @@
 #include "tools/publish/release/publish_release.h"
 
 #include <algorithm>
-#include <cctype>
+#include <string_view>
 #include <system_error>
 
 #include "tools/publish/keys/signing_key.h"
@@ -66,8 +66,9 @@ bool readSignedRelease(ReleaseOptions& options, SignedRelease& release, Problems
     return false;
   }
   release.signature = update::readTextFile(file);
+  // The launcher trims only blanks and line ends off the end of the signature; so does this.
   while (!release.signature.empty() &&
-         std::isspace(static_cast<unsigned char>(release.signature.back()))) {
+         std::string_view(" \t\r\n").find(release.signature.back()) != std::string_view::npos) {
     release.signature.pop_back();
   }
   if (!pinnedPublicKey(options.publicKey, release.publicPem, problems)) return false;
