@@ -1,6 +1,7 @@
 #include "tools/publish/keys/signing_key.h"
 
 #include <cstdio>
+#include <string_view>
 #include <system_error>
 
 #include "tools/publish/build_variant.h"
@@ -41,12 +42,31 @@ void checkKey(const SigningKeyOptions& options, SigningKey& signing, Problems& p
 
 // Reads the signed manifest back the way every launcher will, before anyone can fetch it. The
 // key file it needs is removed again, so it is never served.
+void trimSignatureEnd(std::string& signature) {
+  while (!signature.empty() &&
+         std::string_view(" \t\r\n").find(signature.back()) != std::string_view::npos) {
+    signature.pop_back();
+  }
+}
+
+bool readsAsIntended(const std::string& json, const update::Manifest& intended,
+                     Problems& problems) {
+  update::Manifest parsed;
+  std::string error;
+  if (!update::parseManifest(json, parsed, error)) {
+    problems.push_back("the launcher cannot read the manifest: " + error);
+    return false;
+  }
+  const std::string field = firstDifference(intended, parsed);
+  if (!field.empty()) problems.push_back("the launcher would misread the manifest's " + field);
+  return field.empty();
+}
+
 void checkAsLaunchersRead(const std::string& json, const std::string& signature,
                           const std::string& publicPem, const fs::path& folder,
                           const update::Manifest& intended, Problems& problems) {
   const fs::path publicKey = folder / "update_public_key.pem";
   std::string error;
-  update::Manifest parsed;
   const bool written = update::writeTextFile(publicKey, publicPem);
   const bool verified = written && update::verifySignedManifest(json, signature, publicKey, error);
   std::error_code ignored;
@@ -55,10 +75,8 @@ void checkAsLaunchersRead(const std::string& json, const std::string& signature,
     problems.push_back(publicKey.string() + ": cannot be written");
   } else if (!verified) {
     problems.push_back("the signed manifest does not verify: " + error);
-  } else if (!update::parseManifest(json, parsed, error)) {
-    problems.push_back("the launcher cannot read the manifest: " + error);
-  } else if (const std::string field = firstDifference(intended, parsed); !field.empty()) {
-    problems.push_back("the launcher would misread the manifest's " + field);
+  } else {
+    readsAsIntended(json, intended, problems);
   }
 }
 

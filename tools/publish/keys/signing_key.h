@@ -23,6 +23,14 @@ using SigningKey = std::unique_ptr<Signer>;
 void checkKey(const SigningKeyOptions& options, SigningKey& signing,
               std::vector<std::string>& problems, std::vector<std::string>& warnings);
 
+// The launcher trims only blanks and line ends off the end of a signature; so does this.
+void trimSignatureEnd(std::string& signature);
+
+// The manifest text as the launcher's parser reads it must be `intended`; false with a problem
+// line when it cannot be read or would be misread.
+bool readsAsIntended(const std::string& json, const update::Manifest& intended,
+                     std::vector<std::string>& problems);
+
 // Reads the signed manifest back the way every launcher will, with `publicPem` as the install's
 // key file written into `folder` for the check and removed again: the signature must verify,
 // the launcher's parser must read it, and what it reads must be `intended`.

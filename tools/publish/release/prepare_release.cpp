@@ -2,6 +2,7 @@
 
 #include <system_error>
 
+#include "tools/publish/keys/signing_key.h"
 #include "tools/publish/release/guard_rails.h"
 #include "tools/publish/release/manifest_json.h"
 #include "tools/publish/release/player_reach.h"
@@ -62,13 +63,8 @@ void judgeAgainstServedUrl(const ReleaseOptions& options, const update::Manifest
 bool writePrepared(const ReleaseOptions& options, const update::Manifest& manifest,
                    PrepareSummary& summary, Problems& problems) {
   const std::string json = manifestJson(manifest);
-  update::Manifest parsed;
-  std::string error;
-  if (!update::parseManifest(json, parsed, error)) {
-    problems.push_back("the launcher cannot read the manifest: " + error);
-  } else if (const std::string field = firstDifference(manifest, parsed); !field.empty()) {
-    problems.push_back("the launcher would misread the manifest's " + field);
-  } else if (!update::writeTextFile(options.prepared / "manifest.json", json)) {
+  if (!readsAsIntended(json, manifest, problems)) return false;
+  if (!update::writeTextFile(options.prepared / "manifest.json", json)) {
     problems.push_back((options.prepared / "manifest.json").string() + ": cannot be written");
   }
   summary.manifestDigest = update::sha256Bytes(json);

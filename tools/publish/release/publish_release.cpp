@@ -1,7 +1,6 @@
 #include "tools/publish/release/publish_release.h"
 
 #include <algorithm>
-#include <string_view>
 #include <system_error>
 
 #include "tools/publish/keys/signing_key.h"
@@ -66,11 +65,7 @@ bool readSignedRelease(ReleaseOptions& options, SignedRelease& release, Problems
     return false;
   }
   release.signature = update::readTextFile(file);
-  // The launcher trims only blanks and line ends off the end of the signature; so does this.
-  while (!release.signature.empty() &&
-         std::string_view(" \t\r\n").find(release.signature.back()) != std::string_view::npos) {
-    release.signature.pop_back();
-  }
+  trimSignatureEnd(release.signature);
   if (!pinnedPublicKey(options.publicKey, release.publicPem, problems)) return false;
   checkAsLaunchersRead(release.prepared.json, release.signature, release.publicPem,
                        options.prepared, release.prepared.manifest, problems);

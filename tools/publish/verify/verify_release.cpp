@@ -43,14 +43,6 @@ class ScratchFolder {
   fs::path path_;
 };
 
-// The launcher trims only line ends and blanks off the end of the signature; so does this.
-void trimSignatureEnd(std::string& signature) {
-  while (!signature.empty() &&
-         std::string_view(" \t\r\n").find(signature.back()) != std::string_view::npos) {
-    signature.pop_back();
-  }
-}
-
 bool publicKeyFile(const VerifyOptions& options, const fs::path& scratch, fs::path& key,
                    Problems& problems) {
   std::string pem;
