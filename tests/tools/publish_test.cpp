@@ -260,14 +260,17 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   writeBytes(s.notes, "beep\x07");
   s.server = s.release / "srv";
   // The refusal names the options' problems first, then the release's entries by path.
-  Args problems{"release notes hold a control character",
-                "--version '1..2' is not a dotted",
-                "--minimum-online-version '1.2147483648' is",
-                "--protocol-version '-1' is not a whole",
-                "--channel 'a/b' must be letters",
-                "--platform '..' must be letters",
-                "the server root lies inside the release",
-                "not a PEM private key"};
+  const std::string plain = " must be letters, digits, '.', '_' or '-', not starting with '.'";
+  Args problems{
+      "release notes hold a control character other than tab or line end, which the "
+      "launcher cannot read",
+      "--version '1..2' is not a dotted number like 1.4.2",
+      "--minimum-online-version '1.2147483648' is not a dotted number like 1.4.0",
+      "--protocol-version '-1' is not a whole number from 0 to 2147483647",
+      "--channel 'a/b'" + plain,
+      "--platform '..'" + plain,
+      "the server root lies inside the release",
+      "not a PEM private key"};
   const Args entries{
       ".tarnhollow-update: would displace the updater's", "100%.txt: characters the launcher",
       "bin/tarn-hollow-launcher: the launcher takes any", "broken: cannot be read (broken",
@@ -276,7 +279,9 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
       "data/update_public_key.pem: the launcher refuses", "data/update_server.txt: each player's",
       "esc\\x1b[2J\\x9bape: characters the launcher",     "pipe: not a regular file",
       "save: would displace the folder of the player's",  "tarn-hollow-update-helper/readme: lies"};
-  problems.push_back("notes: tar finds no tarn-hollow-launcher in the top folder");
+  problems.push_back(
+      "notes: tar finds no tarn-hollow-launcher in the top folder of this game package (a "
+      ".tar.gz)");
   problems.insert(problems.end(), entries.begin(), entries.end());
   s.expectRefused(
       s.args("1..2",
@@ -484,6 +489,7 @@ TEST(Publish, ReleasesStartedTogetherPublishOneAfterTheOther) {
                              s.args("1.0.0", {"--passphrase-file", passphrase}, key, sameId)),
                  tracedOptions());
   ASSERT_EQ(first.exitCode, 0) << first.err;
+  EXPECT_TRUE(fs::is_directory(releases / "000002-1.0.0"));  // numbered on past the killed run's
   EXPECT_EQ((first.out + first.err).find("correct horse"), std::string::npos);
   const update::FileDescriptor held(open((releases / ".lock").c_str(), O_RDWR | O_CLOEXEC));
   struct flock whole {
