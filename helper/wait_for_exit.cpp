@@ -58,7 +58,8 @@ void waitForLauncherExit(pid_t waitPid, const std::filesystem::path& launcher,
   if (pollUntil(done, limit)) {
     log.line(what + " exited");
   } else {
-    log.line(what + " still running after the wait limit; replacing anyway");
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit).count();
+    log.line(what + " still running after " + std::to_string(seconds) + " s; replacing anyway");
   }
 }
 

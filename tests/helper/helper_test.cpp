@@ -120,6 +120,23 @@ TEST(UpdateHelper, StartsTheNewLauncherCleanlyOnlyAfterTheOldOneEnded) {
   }
 }
 
+// A launcher that has not quit after 30 s is replaced anyway: a hung one holds no update back.
+TEST(UpdateHelper, ReplacesALauncherStillRunningAfterThirtySeconds) {
+  TempDir root;
+  writeBytes(root / "tarn-hollow-launcher", kOld);
+  writeBytes(root / kStaged / "l", kOld);
+  ChildProcess running({"/bin/sleep", "60"});
+  const std::string pid = std::to_string(running.pid());
+  const ProcessResult helper = runProcess(
+      words(TH_UPDATE_HELPER " --wait-pid " + pid + " --replace " + kStaged + "l" + kTarget),
+      underFasterClock({{}, root.path()}));
+  EXPECT_EQ(helper.exitCode, 0) << helper.err;
+  EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                      "process " + pid + " still running after 30 s; replacing anyway\n",
+                      readBytes(root / ".tarnhollow-update/helper.log"));
+  EXPECT_TRUE(waitUntil([&] { return fs::exists(root / "relaunched"); }, 10s));
+}
+
 // The staged file is judged before the wait and installed after it: swapped meanwhile for a link,
 // it is neither followed (the mode changed through the file judged) nor installed nor started.
 TEST(UpdateHelper, InstallsOnlyTheFileItJudged) {

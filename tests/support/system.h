@@ -73,6 +73,9 @@ std::vector<std::string> underStrace(const std::string& expression, std::vector<
                                      const std::string& output = "/dev/null");
 // Options for a traced program: LeakSanitizer's exit check needs ptrace, which strace holds.
 ProcessOptions tracedOptions();
+// `options` with Debian's libfaketime preloaded: every clock, CLOCK_MONOTONIC included, runs
+// twenty times as fast, so that a program's long time limits pass in a test's seconds.
+ProcessOptions underFasterClock(ProcessOptions options);
 
 // Runs a program to completion (killing it after the time-out) and collects its output.
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});

@@ -701,12 +701,7 @@ TEST(Publish, AFileTooLargeForThePlayersLinkInstallsOnceSplit) {
   NginxServer nginx(s.server, "limit_rate 256k;");
   ASSERT_TRUE(nginx.ok()) << nginx.errorLog();
   prepareInstall(game, nginx.url());
-  const char* asan = std::getenv("ASAN_OPTIONS");
-  const ProcessOptions fast{
-      {{"LD_PRELOAD", "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"},
-       {"FAKETIME", "+0 x20"},
-       {"ASAN_OPTIONS", std::string(asan != nullptr ? asan : "") + ":verify_asan_link_order=0"}},
-      {}};
+  const ProcessOptions fast = underFasterClock({});
   const Args client{TH_UPDATE_CLIENT, game, nginx.url()};
   EXPECT_EQ(runProcess(client, fast).out, "Timeout was reached\n");  // libcurl's, at 180 s
   const Args slowest{"--slowest-link", "0.1"};
