@@ -895,8 +895,9 @@ TEST(CacheEdge, PlayersConvergeThroughVarnishWhileTheNextReleaseGoesLive) {
 
 // Release N+1 live within N's second, a changed file the same size: behind the shipped settings
 // the edge, which revalidates by size and time, must not keep N's bytes. Then what verify makes of
-// each set of caching headers a shared cache may meet, each under a folder of its own, and of a
-// file too large for the slowest link.
+// each set of caching headers a shared cache may meet (of a redirect, the last response's), and
+// of headers that cannot be fetched, each under a folder of its own, and of a file too large for
+// the slowest link.
 TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
   Studio s;
   const std::string shipped =
@@ -919,6 +920,10 @@ TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
       {"add_header Cache-Control \"no-store, max-age=600\";", ""},
       {"add_header Surrogate-Control \"no-store, max-age=600\"; add_header Cache-Control no-cache;",
        ""},
+      // Only the last response of a redirect counts.
+      {"add_header Cache-Control max-age=600; rewrite ^/[0-9]+/(.*)$ /0/$1 redirect;", ""},
+      {"if ($request_method = HEAD) { return 405; }",
+       "its headers cannot be fetched: HTTP response code said error (HTTP 405)"},
   };
   std::string locations = shipped;
   for (size_t i = 0; i < std::size(table); ++i) {
