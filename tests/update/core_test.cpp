@@ -141,8 +141,8 @@ TEST(ParseManifest, ReadsFieldsByTextSearchWithItsQuirksOrRejectsWithTheFirstFai
        plain + "|a,0|b,0|a,0"},
       {kHeader, a + " " + entry("b"), plain + "|a,0"},
       {kHeader, "[" + entry("a") + ", " + entry("b").substr(0, 20), plain + "|a,0"},
-      // An unterminated string yields what was read; the colon may stand anywhere later.
-      {"{" + kHeader + R"(, "files" [)" + entry("a") + R"(], "release_notes": "open)", "",
+      // An unterminated string yields what was read; no colon is needed, nor a byte before '['.
+      {"{" + kHeader + R"(, "files"[)" + entry("a") + R"(], "release_notes": "open)", "",
        "1|tarn-hollow|stable|linux|1|0||-|open|a,0"},
   };
   for (const auto& row : table) {
