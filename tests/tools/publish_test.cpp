@@ -920,8 +920,8 @@ TEST(CacheEdge, TheNextReleaseWithinTheSecondAndEveryCachingVerdict) {
       {"add_header Cache-Control \"no-store, max-age=600\";", ""},
       {"add_header Surrogate-Control \"no-store, max-age=600\"; add_header Cache-Control no-cache;",
        ""},
-      // Only the last response of a redirect counts.
-      {"add_header Cache-Control max-age=600; rewrite ^/[0-9]+/(.*)$ /0/$1 redirect;", ""},
+      // Only the last response of a redirect counts: that of "expires 1h", not "no-cache".
+      {"rewrite ^/[0-9]+/(.*)$ /2/$1 redirect;", "\"Cache-Control: max-age=3600\""},
       {"if ($request_method = HEAD) { return 405; }",
        "its headers cannot be fetched: HTTP response code said error (HTTP 405)"},
   };
