@@ -324,7 +324,8 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   close(terminal);
   // A key file is written whole or not at all (the file size limit stands in for a full disk).
   const fs::path passphrase = s.scratch / "passphrase";
-  writeBytes(passphrase, "correct horse\n");
+  const std::string longest(1024, 'h');  // the longest passphrase allowed
+  writeBytes(passphrase, longest + "\n");
   const Args keygen{"keygen", "--out", keys, "--passphrase-file", passphrase};
   const Args noRoom{"/bin/sh", "-c",
                     "ulimit -S -f 0; trap '' XFSZ; \"$@\" 2>&1 | (ulimit -S -f unlimited; cat)",
@@ -340,7 +341,7 @@ TEST(Publish, RefusesBadNamesLinksFilesValuesAndKeysAllAtOnce) {
   EXPECT_PRED_FORMAT2(IsSubstring, "INTEGER           :0927C0\n", encryption);  // 600,000
   EXPECT_PRED_FORMAT2(IsSubstring, ":hmacWithSHA256", encryption);
   // One line end after the passphrase is no part of it, from a file or a variable alike.
-  setenv("TH_TEST_PASSPHRASE", "correct horse\n", 1);
+  setenv("TH_TEST_PASSPHRASE", (longest + "\n").c_str(), 1);
   const std::string noRelease = "not a readable folder";  // the release folder is gone
   s.expectRefused(s.args("1.1.0", {"--passphrase-env", "TH_TEST_PASSPHRASE"}, key),
                   {"its public key has fingerprint " + fingerprint, noRelease});
