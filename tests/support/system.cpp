@@ -200,16 +200,24 @@ std::vector<std::string> underStrace(const std::string& expression, std::vector<
   return argv;
 }
 
-ProcessOptions tracedOptions() {
+namespace {
+
+// The sanitizer options the tests run with, and `more`.
+std::string asanOptionsWith(const std::string& more) {
   const char* asan = std::getenv("ASAN_OPTIONS");
-  return {{{"ASAN_OPTIONS", std::string(asan ? asan : "") + ":detect_leaks=0"}}, {}};
+  return std::string(asan ? asan : "") + more;
+}
+
+}  // namespace
+
+ProcessOptions tracedOptions() {
+  return {{{"ASAN_OPTIONS", asanOptionsWith(":detect_leaks=0")}}, {}};
 }
 
 ProcessOptions underFasterClock(ProcessOptions options) {
-  const char* asan = std::getenv("ASAN_OPTIONS");
   options.env["LD_PRELOAD"] = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
   options.env["FAKETIME"] = "+0 x20";
-  options.env["ASAN_OPTIONS"] = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
+  options.env["ASAN_OPTIONS"] = asanOptionsWith(":verify_asan_link_order=0");
   return options;
 }
 
